@@ -1,0 +1,129 @@
+#include <pelkit/foundation/FileSystem.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace pelkit {
+namespace {
+
+// Closes the descriptor at scope exit.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+private:
+    int fd_;
+};
+
+Result<> writeAll(int fd, const std::filesystem::path& path, const void* data, std::size_t size) {
+    auto* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        ssize_t written = ::write(fd, bytes, size);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::unexpected(Error::fromErrno("write(" + path.string() + ")", errno));
+        }
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return {};
+}
+
+Result<> writeAtomically(const std::filesystem::path& path, const void* data, std::size_t size) {
+    std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX"))
+                                .string();
+    FileDescriptor fd(::mkstemp(temporary.data()));
+    if (fd.get() < 0)
+        return std::unexpected(Error::fromErrno("mkstemp(" + temporary + ")", errno));
+    auto discard = [&](ErrorPtr error) {
+        ::unlink(temporary.c_str());
+        return std::unexpected(std::move(error));
+    };
+    // mkstemp creates the file 0600; a replaced file keeps the usual permissions for user data.
+    ::fchmod(fd.get(), 0644);
+    if (auto written = writeAll(fd.get(), temporary, data, size); !written)
+        return discard(written.error());
+    if (::fsync(fd.get()) != 0)
+        return discard(Error::fromErrno("fsync(" + temporary + ")", errno));
+    if (::close(fd.release()) != 0)
+        return discard(Error::fromErrno("close(" + temporary + ")", errno));
+    if (::rename(temporary.c_str(), path.c_str()) != 0)
+        return discard(Error::fromErrno("rename(" + temporary + ", " + path.string() + ")", errno));
+    return {};
+}
+
+} // namespace
+
+std::filesystem::path documentsDirectory() {
+    if (const char* dir = std::getenv("PELKIT_DOCUMENTS_DIR"); dir && *dir)
+        return dir;
+    if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data)
+        return std::filesystem::path(data) / "pelkit" / "Documents";
+    const char* home = std::getenv("HOME");
+    if (!home || !*home)
+        fatalError("documentsDirectory(): neither PELKIT_DOCUMENTS_DIR, XDG_DATA_HOME nor HOME is set");
+    return std::filesystem::path(home) / ".local" / "share" / "pelkit" / "Documents";
+}
+
+Result<Bytes> readFile(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0)
+        return std::unexpected(Error::fromErrno("fstat(" + path.string() + ")", errno));
+    if (S_ISDIR(info.st_mode))
+        return std::unexpected(Error::fromErrno("read(" + path.string() + ")", EISDIR));
+    // Read straight into the result; the size is a hint only, the file may grow or shrink meanwhile.
+    Bytes bytes(static_cast<std::size_t>(info.st_size) + 1);
+    std::size_t filled = 0;
+    for (;;) {
+        if (filled == bytes.size())
+            bytes.resize(bytes.size() * 2);
+        ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::unexpected(Error::fromErrno("read(" + path.string() + ")", errno));
+        }
+        if (got == 0)
+            break;
+        filled += static_cast<std::size_t>(got);
+    }
+    bytes.resize(filled);
+    return bytes;
+}
+
+Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    return writeAtomically(path, bytes.data(), bytes.size());
+}
+
+Result<> writeFileAtomically(const std::filesystem::path& path, const Bytes& bytes) {
+    return writeAtomically(path, bytes.data(), bytes.size());
+}
+
+Result<> writeFile(const std::filesystem::path& path, const Bytes& bytes) {
+    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (fd.get() < 0)
+        return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
+    if (auto written = writeAll(fd.get(), path, bytes.data(), bytes.size()); !written)
+        return written;
+    if (::close(fd.release()) != 0)
+        return std::unexpected(Error::fromErrno("close(" + path.string() + ")", errno));
+    return {};
+}
+
+} // namespace pelkit

@@ -1,0 +1,82 @@
+// Shared test fixtures: temporary directories, captured diagnostic lines, and a real HTTP server on
+// 127.0.0.1 that runs on its own thread for the lifetime of the object.
+#pragma once
+
+#include <pelkit/foundation/Log.h>
+
+#include <httplib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace pelkit::test {
+
+/// A fresh directory under the system temp directory, removed with its contents at scope exit.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+/// Captures every diagnostic line while in scope.
+class LineCapture {
+public:
+    LineCapture();
+    ~LineCapture();
+    std::vector<std::string> lines() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    LineSink previous_;
+};
+
+/// Sets an environment variable for the scope, restoring the previous value after.
+class ScopedEnv {
+public:
+    ScopedEnv(std::string name, const std::string& value);
+    ~ScopedEnv();
+
+private:
+    std::string name_;
+    bool hadValue_ = false;
+    std::string previous_;
+};
+
+/// An httplib server listening on 127.0.0.1 at a free port; register handlers on `server` before
+/// calling `start()`. Stopped and joined at scope exit.
+class HttpTestServer {
+public:
+    HttpTestServer();
+    ~HttpTestServer();
+    httplib::Server server;
+    void start();
+    int port() const { return port_; }
+    /// "http://127.0.0.1:<port>"
+    std::string baseUrl() const;
+
+private:
+    int port_ = 0;
+    std::thread thread_;
+};
+
+/// Polls `done` until it holds or `timeout` passes.
+bool waitUntil(const std::function<bool()>& done,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+/// The directory of committed test fixtures ($PELKIT_TEST_FIXTURES).
+std::filesystem::path fixturesDirectory();
+
+} // namespace pelkit::test
