@@ -25,7 +25,8 @@ public:
     UserDefaults(const UserDefaults&) = delete;
     UserDefaults& operator=(const UserDefaults&) = delete;
 
-    /// The process's store, in documentsDirectory()/".pelkit"/"defaults.json".
+    /// The store of the current documents directory, in documentsDirectory()/".pelkit"/
+    /// "defaults.json". The same directory always gives the same store.
     static UserDefaults& standard();
 
     const std::filesystem::path& file() const;

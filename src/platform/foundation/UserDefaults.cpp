@@ -74,8 +74,16 @@ UserDefaults::UserDefaults(std::filesystem::path file) : state_(std::make_unique
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
-    static auto* defaults = new UserDefaults(documentsDirectory() / ".pelkit" / "defaults.json");
-    return *defaults;
+    // One store per documents directory, so that pointing the app at another directory (a test, a
+    // command-line option) brings its own remembered values. Stores live for the whole process.
+    static std::mutex mutex;
+    static auto* stores = new std::map<std::filesystem::path, UserDefaults*>;
+    auto file = documentsDirectory() / ".pelkit" / "defaults.json";
+    std::lock_guard lock(mutex);
+    auto& store = (*stores)[file];
+    if (!store)
+        store = new UserDefaults(file);
+    return *store;
 }
 
 const std::filesystem::path& UserDefaults::file() const { return state_->file; }
