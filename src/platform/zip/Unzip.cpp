@@ -1,0 +1,236 @@
+// The one place that talks to libzip.
+#include <pelkit/zip/Unzip.h>
+
+#include <zip.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace pelkit::zip {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Large enough that a typical target image takes a handful of reads, small enough to stay cheap
+// next to the archive itself; allocated once per archive.
+constexpr std::size_t chunkSize = 256 * 1024;
+
+struct ArchiveDiscarder {
+    // Read-only: discarding never writes back, unlike zip_close.
+    void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+using ArchiveHandle = std::unique_ptr<zip_t, ArchiveDiscarder>;
+
+struct EntryCloser {
+    void operator()(zip_file_t* entry) const { zip_fclose(entry); }
+};
+using EntryHandle = std::unique_ptr<zip_file_t, EntryCloser>;
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&&) = delete;
+    ~FileDescriptor() {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    int get() const { return fd_; }
+    /// Closes now and reports the result, which for a written file can carry a late write error.
+    int close() { return ::close(std::exchange(fd_, -1)); }
+
+private:
+    int fd_;
+};
+
+ErrorPtr zipError(std::string_view call, std::string_view entry, zip_error_t* error) {
+    const int code = zip_error_code_zip(error);
+    return Error::make("zip", code,
+                       std::string(call) + "(" + std::string(entry) +
+                           "): " + zip_error_strerror(error) + " (" + std::to_string(code) + ")");
+}
+
+ErrorPtr zipError(std::string_view call, std::string_view entry, int code) {
+    zip_error_t error;
+    zip_error_init_with_code(&error, code);
+    auto result = zipError(call, entry, &error);
+    zip_error_fini(&error);
+    return result;
+}
+
+ErrorPtr refusal(std::string_view entry, int code, std::string_view reason) {
+    return Error::make("zip", code,
+                       "unzipFile(" + std::string(entry) + "): " + std::string(reason));
+}
+
+ErrorPtr posixError(std::string_view call, const fs::path& path, int err) {
+    return Error::fromErrno(std::string(call) + "(" + path.string() + ")", err);
+}
+
+ErrorPtr fileSystemError(std::string_view call, const fs::path& path, std::error_code code) {
+    return Error::fromErrorCode(std::string(call) + "(" + path.string() + ")", code);
+}
+
+/// The entry's path below the destination, normalised ("a//./b" is "a/b"); empty when it names
+/// the destination itself; nothing when it is absolute or climbs out with "..".
+std::optional<fs::path> pathBelowDestination(std::string_view name) {
+    if (name.starts_with('/'))
+        return std::nullopt;
+    fs::path relative;
+    while (!name.empty()) {
+        const auto slash = name.find('/');
+        const auto component = name.substr(0, slash);
+        name = slash == std::string_view::npos ? std::string_view{} : name.substr(slash + 1);
+        if (component == "..")
+            return std::nullopt;
+        if (!component.empty() && component != ".")
+            relative /= component;
+    }
+    return relative;
+}
+
+bool isSymbolicLink(zip_t* archive, zip_uint64_t index) {
+    zip_uint8_t system = 0;
+    zip_uint32_t attributes = 0;
+    if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) != 0)
+        return false;
+    // Unix tools keep st_mode in the upper half; other systems put DOS flags there or nothing.
+    return system == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
+}
+
+Result<> writeAll(int fd, const char* data, std::size_t size, const fs::path& target) {
+    while (size > 0) {
+        const auto written = ::write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::unexpected(posixError("write", target, errno));
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return {};
+}
+
+class Unpacker {
+public:
+    Unpacker(zip_t* archive, const fs::path& destination)
+        : archive_(archive), destination_(destination), buffer_(new char[chunkSize]) {}
+
+    Result<> unpack() {
+        const auto count = zip_get_num_entries(archive_, 0);
+        for (zip_int64_t index = 0; index < count; ++index) {
+            if (auto extracted = extract(static_cast<zip_uint64_t>(index)); !extracted)
+                return extracted;
+        }
+        return {};
+    }
+
+private:
+    Result<> extract(zip_uint64_t index) {
+        zip_stat_t stat;
+        zip_stat_init(&stat);
+        if (zip_stat_index(archive_, index, 0, &stat) != 0)
+            return std::unexpected(
+                zipError("zip_stat_index", "#" + std::to_string(index), zip_get_error(archive_)));
+        const std::string_view name = (stat.valid & ZIP_STAT_NAME) ? stat.name : "";
+
+        const auto relative = pathBelowDestination(name);
+        if (!relative)
+            return std::unexpected(
+                refusal(name, ZIP_ER_INVAL, "entry path leaves the destination"));
+        if (relative->empty())
+            return std::unexpected(
+                refusal(name, ZIP_ER_INVAL, "entry path names the destination itself"));
+        if (isSymbolicLink(archive_, index))
+            return std::unexpected(
+                refusal(name, ZIP_ER_OPNOTSUPP, "symbolic link entries are not extracted"));
+
+        const auto target = destination_ / *relative;
+        std::error_code error;
+        fs::remove_all(target, error);
+        if (error)
+            return std::unexpected(fileSystemError("remove_all", target, error));
+
+        if (name.ends_with('/')) {
+            fs::create_directories(target, error);
+            if (error)
+                return std::unexpected(fileSystemError("create_directories", target, error));
+            return {};
+        }
+        fs::create_directories(target.parent_path(), error);
+        if (error)
+            return std::unexpected(
+                fileSystemError("create_directories", target.parent_path(), error));
+        if (!(stat.valid & ZIP_STAT_SIZE))
+            return std::unexpected(zipError("zip_stat_index", name, ZIP_ER_INCONS));
+        return extractFile(index, name, stat.size, target);
+    }
+
+    Result<> extractFile(zip_uint64_t index, std::string_view name, zip_uint64_t size,
+                         const fs::path& target) {
+        // Opened before the output file, so an entry that cannot be read (encrypted, unknown
+        // compression) leaves nothing behind.
+        EntryHandle entry{zip_fopen_index(archive_, index, 0)};
+        if (!entry)
+            return std::unexpected(zipError("zip_fopen_index", name, zip_get_error(archive_)));
+
+        // O_EXCL|O_NOFOLLOW: the path was just cleared, so anything there now is not ours to
+        // write through.
+        FileDescriptor file{
+            ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666)};
+        if (file.get() < 0)
+            return std::unexpected(posixError("open", target, errno));
+
+        auto written = copy(entry.get(), name, size, file.get(), target);
+        if (written && file.close() != 0)
+            written = std::unexpected(posixError("close", target, errno));
+        if (!written)
+            ::unlink(target.c_str());
+        return written;
+    }
+
+    Result<> copy(zip_file_t* entry, std::string_view name, zip_uint64_t size, int fd,
+                  const fs::path& target) {
+        // libzip compares the CRC-32 only once a read reaches the end of the data. Asking for
+        // exactly the entry's size never gets there, which is how the checksum stays unchecked.
+        for (zip_uint64_t remaining = size; remaining > 0;) {
+            const auto read =
+                zip_fread(entry, buffer_.get(), std::min<zip_uint64_t>(remaining, chunkSize));
+            if (read < 0)
+                return std::unexpected(zipError("zip_fread", name, zip_file_get_error(entry)));
+            if (read == 0)
+                return std::unexpected(zipError("zip_fread", name, ZIP_ER_EOF));
+            if (auto done = writeAll(fd, buffer_.get(), static_cast<std::size_t>(read), target);
+                !done)
+                return done;
+            remaining -= static_cast<zip_uint64_t>(read);
+        }
+        return {};
+    }
+
+    zip_t* archive_;
+    fs::path destination_;
+    std::unique_ptr<char[]> buffer_;
+};
+
+} // namespace
+
+Result<> unzipFile(const fs::path& archive, const fs::path& destination) {
+    int openError = 0;
+    ArchiveHandle handle{zip_open(archive.c_str(), ZIP_RDONLY, &openError)};
+    if (!handle)
+        return {}; // Whatever is there is not an archive we can read: nothing to unpack.
+    return Unpacker(handle.get(), destination).unpack();
+}
+
+} // namespace pelkit::zip
