@@ -50,7 +50,11 @@ ScopedEnv::~ScopedEnv() {
         ::unsetenv(name_.c_str());
 }
 
-HttpTestServer::HttpTestServer() = default;
+HttpTestServer::HttpTestServer() {
+    // One request per connection: a kept-alive connection would hold stop() for the server's
+    // keep-alive time-out.
+    server.set_keep_alive_max_count(1);
+}
 
 HttpTestServer::~HttpTestServer() {
     server.stop();
@@ -63,7 +67,10 @@ void HttpTestServer::start() {
     if (port_ <= 0)
         throw std::runtime_error("HttpTestServer: cannot bind 127.0.0.1");
     thread_ = std::thread([this] { server.listen_after_bind(); });
-    // The socket already listens, so connections made before the accept loop starts just wait.
+    // stop() is a no-op until the accept loop runs, so wait for it: a server stopped too early
+    // would keep serving.
+    while (!server.is_running())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 std::string HttpTestServer::baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
