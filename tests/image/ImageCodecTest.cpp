@@ -1,0 +1,231 @@
+#include <pelkit/image/Image.h>
+
+#include <pelkit/foundation/FileSystem.h>
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace pelkit::image {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path imagesDirectory() {
+    return test::fixturesDirectory() / "images";
+}
+
+Bytes fileBytes(const fs::path& path) {
+    auto bytes = readFile(path);
+    if (!bytes) {
+        ADD_FAILURE() << "cannot read fixture " << path;
+        return {};
+    }
+    return *bytes;
+}
+
+// Reads the expected pixels of a fixture: a PAM file with depth 4 and maxval 255.
+Image readPam(const fs::path& path) {
+    const Bytes bytes = fileBytes(path);
+    const std::string text(textOf(bytes));
+    const auto end = text.find("ENDHDR\n");
+    std::istringstream header(text.substr(0, end));
+    Image image;
+    for (std::string key; header >> key;) {
+        if (key == "WIDTH")
+            header >> image.width;
+        if (key == "HEIGHT")
+            header >> image.height;
+    }
+    image.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7), bytes.end());
+    return image;
+}
+
+// Smooth gradients in every channel (which JPEG keeps well) and a spread of alpha values.
+Image sampleImage(int width, int height) {
+    Image image = Image::filled(width, height);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            std::uint8_t* p = image.pixel(x, y);
+            p[0] = static_cast<std::uint8_t>(x * 255 / std::max(1, width - 1));
+            p[1] = static_cast<std::uint8_t>(y * 255 / std::max(1, height - 1));
+            p[2] = static_cast<std::uint8_t>((x + y) * 255 / std::max(1, width + height - 2));
+            p[3] = static_cast<std::uint8_t>(x + y * width);
+        }
+    }
+    return image;
+}
+
+Image noiseImage(int width, int height) {
+    Image image = Image::filled(width, height);
+    std::mt19937 random(7);
+    for (auto& v : image.rgba)
+        v = static_cast<std::uint8_t>(random());
+    return image;
+}
+
+TEST(ImageDecoding, DecodesEveryPixelFormatToRgba) {
+    int checked = 0;
+    for (const auto& entry : fs::directory_iterator(imagesDirectory())) {
+        const fs::path path = entry.path();
+        if (path.extension() != ".png" && path.extension() != ".jpg")
+            continue;
+        SCOPED_TRACE(path.filename().string());
+        const auto decoded = decode(fileBytes(path));
+        ASSERT_TRUE(decoded.has_value()) << "a valid file was refused";
+        const Image expected = readPam(fs::path(path).replace_extension(".pam"));
+        EXPECT_EQ(decoded->width, expected.width);
+        EXPECT_EQ(decoded->height, expected.height);
+        EXPECT_TRUE(decoded->rgba == expected.rgba) << "decoded pixels differ from the .pam";
+        ++checked;
+    }
+    EXPECT_EQ(checked, 11) << "fixtures missing: run scripts/make-image-fixtures";
+}
+
+TEST(ImageDecoding, RefusesMalformedFiles) {
+    int checked = 0;
+    for (const auto& entry : fs::directory_iterator(imagesDirectory() / "malformed")) {
+        SCOPED_TRACE(entry.path().filename().string());
+        EXPECT_FALSE(decode(fileBytes(entry.path())).has_value());
+        ++checked;
+    }
+    EXPECT_EQ(checked, 4);
+}
+
+TEST(ImageDecoding, RefusesBytesThatAreNoImage) {
+    std::mt19937 random(1);
+    Bytes noise(1000);
+    for (auto& v : noise)
+        v = static_cast<std::uint8_t>(random());
+    Bytes pngGarbage = bytesOf("\x89PNG\r\n\x1a\n");
+    pngGarbage.insert(pngGarbage.end(), noise.begin(), noise.end());
+    Bytes jpegGarbage{0xff, 0xd8, 0xff};
+    jpegGarbage.insert(jpegGarbage.end(), noise.begin(), noise.end());
+
+    const std::pair<const char*, Bytes> cases[] = {
+        {"empty", {}},
+        {"text", bytesOf("hello, world")},
+        {"PNG signature alone", bytesOf("\x89PNG\r\n\x1a\n")},
+        {"JPEG start marker alone", {0xff, 0xd8, 0xff}},
+        {"GIF", bytesOf("GIF89a\x01\x00\x01\x00")},
+        {"noise", noise},
+        {"PNG signature, then noise", pngGarbage},
+        {"JPEG start marker, then noise", jpegGarbage},
+    };
+    for (const auto& [name, bytes] : cases) {
+        EXPECT_FALSE(decode(bytes).has_value()) << name;
+    }
+}
+
+TEST(ImageDecoding, RefusesEveryTruncation) {
+    const Image image = sampleImage(23, 17);
+    const std::pair<const char*, Bytes> encodings[] = {
+        {"PNG", encodePng(image).value()},
+        {"JPEG", encodeJpeg(image, 80).value()},
+    };
+    for (const auto& [format, bytes] : encodings) {
+        ASSERT_TRUE(decode(bytes).has_value()) << format;
+        for (std::size_t length = 0; length < bytes.size(); ++length) {
+            const Bytes prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
+            EXPECT_FALSE(decode(prefix).has_value())
+                << format << " cut to " << length << " of " << bytes.size() << " bytes";
+        }
+    }
+}
+
+// A damaged byte may or may not make a file undecodable, but never crashes the decoder or yields an
+// image whose pixel buffer disagrees with its size.
+TEST(ImageDecoding, SurvivesDamageAtEveryByte) {
+    const Image image = sampleImage(19, 11);
+    const Bytes encodings[] = {encodePng(image).value(), encodeJpeg(image, 70).value()};
+    for (const Bytes& original : encodings) {
+        for (std::size_t i = 0; i < original.size(); ++i) {
+            for (const std::uint8_t flip : {0x01, 0x80, 0xff}) {
+                Bytes damaged = original;
+                damaged[i] ^= flip;
+                if (const auto decoded = decode(damaged)) {
+                    EXPECT_EQ(decoded->rgba.size(),
+                              static_cast<std::size_t>(decoded->width) * decoded->height * 4)
+                        << "byte " << i;
+                }
+            }
+        }
+    }
+}
+
+TEST(ImageEncoding, PngRoundTripIsLossless) {
+    for (const Image& image : {sampleImage(1, 1), sampleImage(64, 48), noiseImage(33, 7)}) {
+        const auto png = encodePng(image);
+        ASSERT_TRUE(png.has_value());
+        const auto decoded = decode(*png);
+        ASSERT_TRUE(decoded.has_value());
+        EXPECT_TRUE(*decoded == image) << image.width << "x" << image.height;
+    }
+}
+
+TEST(ImageEncoding, JpegRoundTripKeepsSizeAndColoursAndDropsAlpha) {
+    const Image image = sampleImage(64, 48);
+    const auto decoded = decode(encodeJpeg(image, 95).value());
+    ASSERT_TRUE(decoded.has_value());
+    ASSERT_EQ(decoded->width, 64);
+    ASSERT_EQ(decoded->height, 48);
+    long error = 0;
+    for (std::size_t i = 0; i < image.rgba.size(); i += 4) {
+        for (std::size_t c = 0; c < 3; ++c) {
+            error += std::abs(decoded->rgba[i + c] - image.rgba[i + c]);
+        }
+        ASSERT_EQ(decoded->rgba[i + 3], 255) << "a JPEG is opaque";
+    }
+    const double meanError = static_cast<double>(error) / (64 * 48 * 3);
+    EXPECT_LT(meanError, 3.0) << "colours drifted too far at quality 95";
+}
+
+TEST(ImageEncoding, JpegQualityTradesSizeForFidelity) {
+    const Image image = noiseImage(400, 300); // compresses to more than one output chunk
+    const Bytes high = encodeJpeg(image, 95).value();
+    const Bytes low = encodeJpeg(image, 30).value();
+    EXPECT_GT(high.size(), low.size());
+    const auto decoded = decode(high);
+    ASSERT_TRUE(decoded.has_value());
+    EXPECT_EQ(decoded->width, 400);
+    EXPECT_EQ(decoded->height, 300);
+}
+
+TEST(ImageEncoding, RefusesInconsistentImages) {
+    const Image cases[] = {
+        {0, 0, {}},
+        {-2, 3, {}},
+        {2, 2, std::vector<std::uint8_t>(15)},
+        {2, 2, std::vector<std::uint8_t>(17)},
+    };
+    for (const Image& image : cases) {
+        EXPECT_FALSE(encodePng(image).has_value()) << image.width << "x" << image.height;
+        EXPECT_FALSE(encodeJpeg(image).has_value()) << image.width << "x" << image.height;
+    }
+}
+
+TEST(ImageValue, FilledWritesRedGreenBlueAlphaInOrder) {
+    const Image image = Image::filled(2, 1, 0x11223344u);
+    EXPECT_EQ(image.rgba,
+              (std::vector<std::uint8_t>{0x11, 0x22, 0x33, 0x44, 0x11, 0x22, 0x33, 0x44}));
+}
+
+TEST(ImageDeathTest, BrokenPreconditionsStop) {
+    const Image image = sampleImage(4, 4);
+    EXPECT_DEATH((void)encodeJpeg(image, 0),
+                 "Fatal error: image::encodeJpeg\\(\\): quality 0 is outside 1\\.\\.\\.100");
+    EXPECT_DEATH((void)encodeJpeg(image, 101),
+                 "Fatal error: image::encodeJpeg\\(\\): quality 101 is outside 1\\.\\.\\.100");
+    EXPECT_DEATH((void)Image::filled(-1, 2),
+                 "Fatal error: Image::filled\\(\\): negative size -1x2");
+}
+
+} // namespace
+} // namespace pelkit::image
