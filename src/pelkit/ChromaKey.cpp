@@ -121,8 +121,8 @@ template <Fused fused> PELKIT_INLINE float estimatedSquaredDistance(std::uint32_
 struct KeyParameters {
     float threshold;
     float edge1;     // threshold + smoothing, rounded once as the shader does
-    float keptAbove; // estimates above this are alpha 255 unless near the edge
-    float edgeBelow; // estimates in (keptAbove - margin ... edgeBelow) need the exact path
+    float keptAbove; // the largest q that is keyed out; an estimate above it means alpha 255
+    float edgeBelow; // an estimate strictly between these two is too close to the edge to trust
     float edgeAbove;
 };
 
@@ -133,7 +133,7 @@ PELKIT_INLINE std::uint32_t withAlpha(std::uint32_t pixel, std::uint32_t alpha) 
 }
 
 template <Fused fused, std::size_t count>
-PELKIT_INLINE void keyBlock(std::uint8_t* pixels, const KeyParameters& p) {
+PELKIT_INLINE void keyBlock(std::uint8_t* pixels, KeyParameters p) {
     std::uint32_t nearEdge = 0;
     for (std::size_t i = 0; i < count; ++i) {
         std::uint32_t pixel;
@@ -156,7 +156,7 @@ PELKIT_INLINE void keyBlock(std::uint8_t* pixels, const KeyParameters& p) {
 }
 
 template <Fused fused>
-PELKIT_INLINE void keyPixels(std::uint8_t* pixels, std::size_t count, const KeyParameters& p) {
+PELKIT_INLINE void keyPixels(std::uint8_t* pixels, std::size_t count, KeyParameters p) {
     std::size_t i = 0;
     for (; i + blockPixels <= count; i += blockPixels) {
         keyBlock<fused, blockPixels>(pixels + 4 * i, p);
@@ -166,20 +166,20 @@ PELKIT_INLINE void keyPixels(std::uint8_t* pixels, std::size_t count, const KeyP
     }
 }
 
-using KernelFunction = void (*)(std::uint8_t*, std::size_t, const KeyParameters&);
+using KernelFunction = void (*)(std::uint8_t*, std::size_t, KeyParameters);
 
-void keyPortable(std::uint8_t* pixels, std::size_t count, const KeyParameters& p) {
+void keyPortable(std::uint8_t* pixels, std::size_t count, KeyParameters p) {
     keyPixels<Fused::no>(pixels, count, p);
 }
 
 #if defined(__x86_64__)
 [[gnu::target("arch=x86-64-v3")]] void keyAvx2(std::uint8_t* pixels, std::size_t count,
-                                               const KeyParameters& p) {
+                                               KeyParameters p) {
     keyPixels<Fused::yes>(pixels, count, p);
 }
 
 [[gnu::target("arch=x86-64-v4")]] void keyAvx512(std::uint8_t* pixels, std::size_t count,
-                                                 const KeyParameters& p) {
+                                                 KeyParameters p) {
     keyPixels<Fused::yes>(pixels, count, p);
 }
 #endif
