@@ -1,5 +1,8 @@
-// The one place that talks to libzip.
+// The one place that talks to libzip: unpacking and writing archives.
 #include <pelkit/zip/Unzip.h>
+#include <pelkit/zip/ZipWriter.h>
+
+#include <pelkit/foundation/FileSystem.h>
 
 #include <zip.h>
 
@@ -8,9 +11,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,7 +31,8 @@ namespace fs = std::filesystem;
 constexpr std::size_t chunkSize = 256 * 1024;
 
 struct ArchiveDiscarder {
-    // Read-only: discarding never writes back, unlike zip_close.
+    // Discarding never writes back: read-only archives are closed this way, and an archive being
+    // written is discarded only when zip_close did not take it.
     void operator()(zip_t* archive) const { zip_discard(archive); }
 };
 using ArchiveHandle = std::unique_ptr<zip_t, ArchiveDiscarder>;
@@ -231,6 +238,110 @@ Result<> unzipFile(const fs::path& archive, const fs::path& destination) {
     if (!handle)
         return {}; // Whatever is there is not an archive we can read: nothing to unpack.
     return Unpacker(handle.get(), destination).unpack();
+}
+
+// Writing archives.
+
+namespace {
+
+ErrorPtr writerRefusal(std::string_view name, std::string_view reason) {
+    return Error::make("zip", ZIP_ER_INVAL,
+                       "writeArchive(" + std::string(name) + "): " + std::string(reason));
+}
+
+bool isAlreadyCompressed(const fs::path& source) {
+    static constexpr std::array<std::string_view, 18> extensions{
+        ".jpg", ".jpeg", ".png", ".gif", ".webp", ".heic", ".mp4", ".m4v", ".mov",
+        ".m4a", ".mp3",  ".aac", ".ogg", ".zip",  ".gz",   ".bz2", ".xz",  ".7z"};
+    auto extension = source.extension().string();
+    std::ranges::transform(extension, extension.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return std::ranges::find(extensions, extension) != extensions.end();
+}
+
+Result<> checkNames(std::span<const ArchiveEntry> entries) {
+    std::set<std::string_view> seen;
+    for (const auto& entry : entries) {
+        if (entry.name.empty())
+            return std::unexpected(writerRefusal(entry.name, "entry name is empty"));
+        if (entry.name.starts_with('/'))
+            return std::unexpected(writerRefusal(entry.name, "entry name is absolute"));
+        if (!seen.insert(entry.name).second)
+            return std::unexpected(writerRefusal(entry.name, "entry name is repeated"));
+    }
+    return {};
+}
+
+/// Checked up front so that a missing source is reported by its own path; libzip would only
+/// notice while writing, and name nothing but the archive.
+Result<> checkSource(const fs::path& source) {
+    const int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return std::unexpected(Error::fromErrno("open(" + source.string() + ")", errno));
+    struct stat info {};
+    const int statResult = ::fstat(fd, &info);
+    const int statErrno = errno;
+    ::close(fd);
+    if (statResult != 0)
+        return std::unexpected(Error::fromErrno("fstat(" + source.string() + ")", statErrno));
+    if (!S_ISREG(info.st_mode))
+        return std::unexpected(Error::fromErrno("open(" + source.string() + ")", EISDIR));
+    return {};
+}
+
+Result<> addEntry(zip_t* archive, const ArchiveEntry& entry, Compression compression) {
+    zip_source_t* source = zip_source_file(archive, entry.source.c_str(), 0, -1);
+    if (!source)
+        return std::unexpected(
+            zipError("zip_source_file", entry.source.string(), zip_get_error(archive)));
+    const auto index = zip_file_add(archive, entry.name.c_str(), source, ZIP_FL_ENC_UTF_8);
+    if (index < 0) {
+        zip_source_free(source); // Not taken by the archive when adding fails.
+        return std::unexpected(zipError("zip_file_add", entry.name, zip_get_error(archive)));
+    }
+    const bool store = compression == Compression::Store ||
+                       (compression == Compression::ByType && isAlreadyCompressed(entry.source));
+    if (zip_set_file_compression(archive, static_cast<zip_uint64_t>(index),
+                                 store ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 0) != 0)
+        return std::unexpected(
+            zipError("zip_set_file_compression", entry.name, zip_get_error(archive)));
+    return {};
+}
+
+} // namespace
+
+Result<> writeArchive(const fs::path& archive, std::span<const ArchiveEntry> entries,
+                      Compression compression) {
+    if (auto names = checkNames(entries); !names)
+        return names;
+    for (const auto& entry : entries) {
+        if (auto readable = checkSource(entry.source); !readable)
+            return readable;
+    }
+
+    if (entries.empty()) {
+        // libzip deletes an archive left without entries instead of writing one, so the empty
+        // archive (an end-of-central-directory record and nothing else) is written here.
+        static constexpr std::string_view emptyArchive{
+            "PK\x05\x06\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 22};
+        return writeFileAtomically(archive, emptyArchive);
+    }
+
+    // ZIP_TRUNCATE: whatever is at the path now is replaced, never read or appended to. libzip
+    // writes the new archive to a temporary file beside it and renames it into place on close.
+    int openError = 0;
+    ArchiveHandle handle{zip_open(archive.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &openError)};
+    if (!handle)
+        return std::unexpected(zipError("zip_open", archive.string(), openError));
+    for (const auto& entry : entries) {
+        if (auto added = addEntry(handle.get(), entry, compression); !added)
+            return added;
+    }
+    if (zip_close(handle.get()) != 0)
+        return std::unexpected(
+            zipError("zip_close", archive.string(), zip_get_error(handle.get())));
+    (void)handle.release(); // zip_close freed it.
+    return {};
 }
 
 } // namespace pelkit::zip
