@@ -63,8 +63,9 @@ public:
 };
 
 /// Receives a session's download-task events, on the session's own serial delegate queue, in this
-/// order per task: `didWriteData` per received chunk, `didFinishDownloading` on success (the
-/// temporary file is removed when it returns), `didComplete` always.
+/// order per task: `didWriteData` per received chunk, `didFinishDownloading` when the transfer
+/// completed without a transport error, whatever the HTTP status (the temporary file is removed
+/// when it returns), `didComplete` always.
 class HttpSessionDelegate {
 public:
     virtual ~HttpSessionDelegate() = default;

@@ -1,4 +1,5 @@
-// URLs parsed with the strictness of a phone platform's URL-from-string. Immutable values.
+// URLs parsed with the strictness of a phone platform's URL-from-string. Immutable values, safe to
+// share between threads.
 #pragma once
 
 #include <filesystem>
@@ -11,7 +12,7 @@ namespace pelkit::net {
 /// A URL or relative reference (RFC 3986). Parsing accepts relative references such as
 /// "files/a.png" and rejects text with characters that must be escaped: space, '"', '<', '>',
 /// '\\', '^', '`', '{', '|', '}', control and non-ASCII characters, and '%' not followed by two
-/// hex digits.
+/// hex digits. Brackets are allowed only around an IPv6 host, '#' only once.
 ///
 ///     auto url = Url::parse("https://example.com/targets.zip");
 ///     url->scheme();          // "https"

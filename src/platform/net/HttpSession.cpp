@@ -225,7 +225,6 @@ struct Transfer {
     std::optional<TempFile> file;
     std::int64_t totalWritten = 0;
     Clock::time_point lastActivity;
-    bool timedOut = false;
     // Why a callback stopped the transfer, when it was us rather than the network.
     ErrorPtr callbackFailure;
 };
@@ -234,7 +233,7 @@ class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
 public:
     Task(std::weak_ptr<HttpSession::Impl> session, std::uint64_t id, TaskKind kind,
          HttpRequest request, HttpSession::DataCompletion completion)
-        : completion_(std::move(completion)), session_(std::move(session)), id_(id), kind_(kind),
+        : completion(std::move(completion)), session_(std::move(session)), id_(id), kind_(kind),
           request_(std::move(request)) {}
 
     std::uint64_t identifier() const override { return id_; }
@@ -257,7 +256,7 @@ public:
     bool cancelledBeforeStart = false;
 
     // Moved out by whoever runs it: the callback queue.
-    HttpSession::DataCompletion completion_;
+    HttpSession::DataCompletion completion;
     Transfer transfer;
     HttpSession::Impl* impl = nullptr;
 
@@ -266,8 +265,6 @@ private:
     const std::uint64_t id_;
     const TaskKind kind_;
     const HttpRequest request_;
-
-    friend class HttpSession::Impl;
 };
 
 HttpSession::Impl::Impl(HttpSession* owner, std::shared_ptr<HttpSessionDelegate> delegate,
@@ -302,6 +299,10 @@ std::shared_ptr<HttpTask> HttpSession::Impl::makeTask(TaskKind kind, HttpRequest
     std::lock_guard lock(mutex_);
     if (invalidation_ != Invalidation::None || shutdown_)
         fatalError("HttpSession: task created in a session that has been invalidated");
+    // Tasks dropped without ever being resumed leave expired entries behind; sweep them now and
+    // then so a long-lived session does not collect them.
+    if (suspended_.size() >= 64)
+        std::erase_if(suspended_, [](const auto& entry) { return entry.second.expired(); });
     auto id = nextId_++;
     auto task = std::make_shared<Task>(weak_from_this(), id, kind, std::move(request),
                                        std::move(completion));
@@ -678,7 +679,7 @@ void HttpSession::Impl::complete(const std::shared_ptr<Task>& task, ErrorPtr err
                        result = std::make_shared<DataTaskResult>(std::move(result))] {
             if (self->destroyed_)
                 return;
-            auto completion = std::move(task->completion_);
+            auto completion = std::move(task->completion);
             completion(std::move(*result));
         });
         return;
@@ -696,7 +697,9 @@ void HttpSession::Impl::complete(const std::shared_ptr<Task>& task, ErrorPtr err
     }
     if (error)
         response.reset();
-    queue_->async([self = shared_from_this(), task = keep, file, error, response]() mutable {
+    // Moved, not copied: the worker must hold no reference to the file once it is queued.
+    queue_->async([self = shared_from_this(), task = keep, file = std::move(file),
+                   error = std::move(error), response = std::move(response)]() mutable {
         if (self->destroyed_)
             return;
         auto delegate = self->delegate_;
