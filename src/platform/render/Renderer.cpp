@@ -1,0 +1,555 @@
+#include <pelkit/render/Renderer.h>
+
+#include "Gl.h"
+#include "Shaders.h"
+#include "Textures.h"
+
+#include <pelkit/scene/Geometry.h>
+#include <pelkit/scene/Scene2D.h>
+#include <pelkit/scene/SceneLock.h>
+
+#include <glm/gtc/matrix_transform.hpp>
+#include <glm/gtc/type_ptr.hpp>
+#include <glm/matrix.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+#include <unordered_map>
+#include <vector>
+
+namespace pelkit::render {
+namespace {
+
+using shaders::Diffuse;
+
+// Frames a 2D scene's texture is kept while the scene is alive but not shown.
+constexpr std::uint64_t idleSceneFrames = 120;
+
+// One plane to draw this frame, with everything read from the scene while the lock is held.
+struct DrawItem {
+    glm::mat4 modelViewProjection{1};
+    glm::vec2 size{0};
+    float opacity = 1;
+    float depth = 0; // view-space z of the plane's centre; more negative is farther
+    std::shared_ptr<scene::Material> material;
+
+    Diffuse diffuse = Diffuse::color;
+    glm::vec4 color{1};
+    GLuint texture = 0;
+    const gl::Program* program = nullptr;
+    bool doubleSided = false;
+    std::map<std::string, scene::ShaderValue, std::less<>> values;
+};
+
+// A 2D scene's texture and the framebuffer that draws into it.
+struct SceneTarget {
+    std::weak_ptr<scene::Scene2D> scene;
+    glm::ivec2 size{0};
+    gl::Texture texture;
+    gl::Framebuffer framebuffer;
+    std::uint64_t lastUsed = 0;
+    bool drawn = false; // in the current frame
+};
+
+struct ProgramKey {
+    Diffuse diffuse;
+    std::string surfaceModifier;
+    friend auto operator<=>(const ProgramKey&, const ProgramKey&) = default;
+};
+
+void setUniform(const gl::Program::Uniform& uniform, const scene::ShaderValue* value) {
+    // A value of another type than the uniform's, or none, leaves the uniform at zero, so that a
+    // value bound by the previous material using the program never shows through.
+    auto as = [&]<class T>(std::type_identity<T>) {
+        const T* typed = value ? std::get_if<T>(value) : nullptr;
+        return typed ? *typed : T(0);
+    };
+    switch (uniform.type) {
+    case GL_FLOAT:
+        glUniform1f(uniform.location, as(std::type_identity<float>{}));
+        break;
+    case GL_FLOAT_VEC2:
+        glUniform2fv(uniform.location, 1, glm::value_ptr(as(std::type_identity<glm::vec2>{})));
+        break;
+    case GL_FLOAT_VEC3:
+        glUniform3fv(uniform.location, 1, glm::value_ptr(as(std::type_identity<glm::vec3>{})));
+        break;
+    case GL_FLOAT_VEC4:
+        glUniform4fv(uniform.location, 1, glm::value_ptr(as(std::type_identity<glm::vec4>{})));
+        break;
+    default:
+        break;
+    }
+}
+
+bool isOwnUniform(std::string_view name) {
+    return name.starts_with("pelkit_");
+}
+
+bool sameScene(const std::weak_ptr<scene::Scene2D>& a, const std::shared_ptr<scene::Scene2D>& b) {
+    return !a.owner_before(b) && !b.owner_before(a) && !a.expired();
+}
+
+} // namespace
+
+struct Renderer::State {
+    // Declared first, so destroyed last: the GL objects below go while the context is alive.
+    std::shared_ptr<Output> output;
+
+    gl::VertexArray vertexArray;
+    gl::Program backgroundProgram;
+    gl::Program spriteProgram;
+    std::map<ProgramKey, Result<gl::Program>> planePrograms;
+    ImageTextures textures;
+    std::unordered_map<const scene::Scene2D*, SceneTarget> sceneTargets;
+
+    RenderStatistics statistics;
+    std::uint64_t sceneTargetAllocations = 0;
+    std::uint64_t frameNumber = 0;
+    int largestTexture = 0;
+    bool lastFrameOpaque = true;
+
+    Result<const gl::Program*> planeProgram(Diffuse diffuse, const std::string& modifier);
+    Result<GLuint> sceneTexture(const std::shared_ptr<scene::Scene2D>& scene);
+    Result<void> drawFrame(const Frame& frame);
+    Result<void> prepare(DrawItem& item, ErrorPtr& firstError, bool& drawable);
+    void drawBackground(GLuint texture, glm::ivec2 imageSize, glm::ivec2 viewSize, bool topDown);
+    void drawPlane(const DrawItem& item);
+    void endFrame();
+};
+
+namespace {
+
+void collect(const std::shared_ptr<scene::Node>& node, float parentOpacity, const glm::mat4& view,
+             const glm::mat4& viewProjection, std::vector<DrawItem>& items) {
+    if (node->isHidden())
+        return;
+    const float opacity = parentOpacity * node->opacity();
+    if (!(opacity > 0))
+        return; // nothing below can show either
+    if (auto plane = std::dynamic_pointer_cast<scene::Plane>(node->geometry())) {
+        const glm::vec2 size{plane->width(), plane->height()};
+        if (std::isfinite(size.x) && std::isfinite(size.y) && size.x > 0 && size.y > 0) {
+            const glm::mat4 world = node->worldTransform();
+            DrawItem item;
+            item.modelViewProjection = viewProjection * world;
+            item.size = size;
+            item.opacity = std::min(opacity, 1.0f);
+            item.depth = (view * world * glm::vec4(0, 0, 0, 1)).z;
+            item.material = plane->firstMaterial();
+            items.push_back(std::move(item));
+        }
+    }
+    for (const auto& child : node->childNodes())
+        collect(child, opacity, view, viewProjection, items);
+}
+
+} // namespace
+
+Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse,
+                                                         const std::string& modifier) {
+    ProgramKey key{diffuse, modifier};
+    auto it = planePrograms.find(key);
+    if (it == planePrograms.end()) {
+        std::optional<shaders::SurfaceModifier> parsed;
+        if (!modifier.empty())
+            parsed = shaders::parseSurfaceModifier(modifier);
+        ++statistics.programBuilds;
+        auto program =
+            gl::buildProgram(shaders::planeVertex, shaders::planeFragment(diffuse, parsed));
+        // A failed build is kept too: the same text fails the same way every frame.
+        it = planePrograms.emplace(std::move(key), std::move(program)).first;
+    }
+    if (!it->second)
+        return std::unexpected(it->second.error());
+    return &*it->second;
+}
+
+Result<GLuint> Renderer::State::sceneTexture(const std::shared_ptr<scene::Scene2D>& scene) {
+    const glm::vec2 points = scene->size();
+    if (!std::isfinite(points.x) || !std::isfinite(points.y) || points.x < 0.5f ||
+        points.y < 0.5f || points.x > largestTexture || points.y > largestTexture)
+        return 0;
+    // One texel per point.
+    const glm::ivec2 size{static_cast<int>(std::lround(points.x)),
+                          static_cast<int>(std::lround(points.y))};
+
+    SceneTarget& target = sceneTargets[scene.get()];
+    if (!sameScene(target.scene, scene)) {
+        target = SceneTarget{};
+        target.scene = scene;
+    }
+    target.lastUsed = frameNumber;
+    if (target.drawn)
+        return target.texture.get();
+
+    if (!target.texture || target.size != size) {
+        auto texture = gl::createTexture(GL_RGBA8, size.x, size.y);
+        if (!texture)
+            return std::unexpected(texture.error());
+        ++sceneTargetAllocations;
+        target.texture = std::move(*texture);
+        target.size = size;
+        GLuint framebuffer = 0;
+        glGenFramebuffers(1, &framebuffer);
+        target.framebuffer = gl::Framebuffer(framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
+                               target.texture.get(), 0);
+        const GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
+        if (status != GL_FRAMEBUFFER_COMPLETE) {
+            sceneTargets.erase(scene.get());
+            return std::unexpected(gl::makeError("glCheckFramebufferStatus", status));
+        }
+    }
+
+    // Framebuffer row y is texture row y, so texel coordinates are window coordinates here.
+    glBindFramebuffer(GL_FRAMEBUFFER, target.framebuffer.get());
+    glViewport(0, 0, size.x, size.y);
+    glDisable(GL_DEPTH_TEST);
+    glDisable(GL_CULL_FACE); // a negative scale mirrors a sprite; it is still drawn
+    const scene::Color background = scene->backgroundColor();
+    const float alpha = std::clamp(background.alpha, 0.0f, 1.0f);
+    glClearColor(background.red * alpha, background.green * alpha, background.blue * alpha, alpha);
+    glClear(GL_COLOR_BUFFER_BIT);
+    glEnable(GL_BLEND);
+    glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+    glUseProgram(spriteProgram.name.get());
+    glUniform2f(spriteProgram.location("pelkit_targetSize"), static_cast<float>(size.x),
+                static_cast<float>(size.y));
+    glUniform1f(spriteProgram.location("pelkit_channelMax"), 255.0f);
+    glUniform1i(spriteProgram.location("pelkit_texture"), 0);
+    const GLint cornersLocation = spriteProgram.location("pelkit_corners[0]");
+    const GLint alphaLocation = spriteProgram.location("pelkit_alpha");
+    glActiveTexture(GL_TEXTURE0);
+    for (const auto& sprite : scene->children()) {
+        if (sprite->isHidden() || !(sprite->alpha() > 0))
+            continue;
+        auto texture = textures.textureFor(sprite->currentImage());
+        if (!texture)
+            return std::unexpected(texture.error());
+        if (*texture == 0)
+            continue;
+        const glm::mat3 imageToScene = sprite->imageToScene();
+        glm::vec2 corners[4];
+        for (int i = 0; i < 4; ++i) {
+            const glm::vec3 picturePoint{static_cast<float>(i & 1), static_cast<float>(i >> 1), 1};
+            corners[i] = scene::texelForScenePoint(glm::vec2(imageToScene * picturePoint));
+        }
+        glUniform2fv(cornersLocation, 4, glm::value_ptr(corners[0]));
+        glUniform1f(alphaLocation, std::min(sprite->alpha(), 1.0f));
+        glBindTexture(GL_TEXTURE_2D, *texture);
+        glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    }
+    target.drawn = true;
+    return target.texture.get();
+}
+
+Result<void> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError, bool& drawable) {
+    drawable = true;
+    scene::MaterialContents contents;
+    std::string surfaceModifier;
+    if (item.material) {
+        contents = item.material->diffuseContents();
+        auto modifiers = item.material->shaderModifiers();
+        if (auto surface = modifiers.find(scene::ShaderEntryPoint::surface);
+            surface != modifiers.end())
+            surfaceModifier = std::move(surface->second);
+        item.doubleSided = item.material->isDoubleSided();
+        item.values = item.material->values();
+    }
+
+    // Contents that cannot be shown leave the surface in its default opaque white.
+    auto useTexture = [&](Result<GLuint> texture, Diffuse diffuse) -> Result<void> {
+        if (!texture)
+            return std::unexpected(texture.error());
+        if (*texture != 0) {
+            item.texture = *texture;
+            item.diffuse = diffuse;
+        }
+        return {};
+    };
+    Result<void> resolved;
+    if (auto* color = std::get_if<scene::Color>(&contents)) {
+        item.color = {color->red, color->green, color->blue, color->alpha};
+    } else if (auto* image = std::get_if<std::shared_ptr<const image::Image>>(&contents)) {
+        resolved = useTexture(textures.textureFor(*image), Diffuse::image);
+    } else if (auto* scene = std::get_if<std::shared_ptr<scene::Scene2D>>(&contents)) {
+        if (*scene)
+            resolved = useTexture(sceneTexture(*scene), Diffuse::sceneTexture);
+    } else if (auto* video = std::get_if<std::shared_ptr<scene::VideoFrameSource>>(&contents)) {
+        auto frame = *video ? (*video)->currentFrame() : nullptr;
+        if (!frame) {
+            drawable = false; // nothing decoded yet
+            return {};
+        }
+        resolved = useTexture(textures.textureFor(frame), Diffuse::image);
+    }
+    if (!resolved)
+        return resolved;
+
+    auto program = planeProgram(item.diffuse, surfaceModifier);
+    if (!program) {
+        if (!firstError)
+            firstError = program.error();
+        drawable = false;
+        return {};
+    }
+    item.program = *program;
+    return {};
+}
+
+void Renderer::State::drawBackground(GLuint texture, glm::ivec2 imageSize, glm::ivec2 viewSize,
+                                     bool topDown) {
+    // Scale to fill: the image covers the view and its overflow is cut evenly on both sides.
+    const glm::vec2 image(imageSize);
+    const glm::vec2 view(viewSize);
+    const float scale = std::max(view.x / image.x, view.y / image.y);
+    const glm::vec2 extent = view / (scale * image);
+    const glm::vec2 origin = (glm::vec2(1) - extent) * 0.5f;
+
+    glDisable(GL_DEPTH_TEST);
+    glDisable(GL_BLEND);
+    glDisable(GL_CULL_FACE);
+    glUseProgram(backgroundProgram.name.get());
+    glUniform4f(backgroundProgram.location("pelkit_imageRect"), origin.x, origin.y, extent.x,
+                extent.y);
+    glUniform1f(backgroundProgram.location("pelkit_flipY"), topDown ? -1.0f : 1.0f);
+    glUniform1f(backgroundProgram.location("pelkit_channelMax"), 255.0f);
+    glUniform1i(backgroundProgram.location("pelkit_texture"), 0);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+}
+
+void Renderer::State::drawPlane(const DrawItem& item) {
+    const gl::Program& program = *item.program;
+    glUseProgram(program.name.get());
+    glUniformMatrix4fv(program.location("pelkit_modelViewProjection"), 1, GL_FALSE,
+                       glm::value_ptr(item.modelViewProjection));
+    glUniform2f(program.location("pelkit_size"), item.size.x, item.size.y);
+    glUniform1f(program.location("pelkit_opacity"), item.opacity);
+    if (item.diffuse == Diffuse::color) {
+        glUniform4fv(program.location("pelkit_color"), 1, glm::value_ptr(item.color));
+    } else {
+        glUniform1f(program.location("pelkit_channelMax"), 255.0f);
+        glUniform1i(program.location("pelkit_texture"), 0);
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, item.texture);
+    }
+    for (const auto& [name, uniform] : program.uniforms) {
+        if (isOwnUniform(name))
+            continue;
+        auto value = item.values.find(name);
+        setUniform(uniform, value == item.values.end() ? nullptr : &value->second);
+    }
+    if (item.doubleSided)
+        glDisable(GL_CULL_FACE);
+    else
+        glEnable(GL_CULL_FACE);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+}
+
+void Renderer::State::endFrame() {
+    textures.endFrame();
+    for (auto it = sceneTargets.begin(); it != sceneTargets.end();) {
+        SceneTarget& target = it->second;
+        if (target.scene.expired() || frameNumber - target.lastUsed >= idleSceneFrames) {
+            it = sceneTargets.erase(it);
+        } else {
+            target.drawn = false;
+            ++it;
+        }
+    }
+    ++frameNumber;
+    ++statistics.frames;
+}
+
+Renderer::Renderer(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+Renderer::~Renderer() {
+    if (!state_)
+        return;
+    if (!state_->output->makeCurrent()) {
+        // Deleting GL objects needs their context; without it they are left to the driver,
+        // which frees them with the context.
+        auto output = std::move(state_->output);
+        (void)state_.release();
+    }
+}
+
+Result<std::unique_ptr<Renderer>> Renderer::create(std::shared_ptr<Output> output) {
+    if (!output)
+        fatalError("Renderer::create: the output is null");
+    if (auto current = output->makeCurrent(); !current)
+        return std::unexpected(current.error());
+    auto state = std::make_unique<State>();
+    state->output = std::move(output);
+    state->largestTexture = gl::maxTextureSize();
+
+    GLuint vertexArray = 0;
+    glGenVertexArrays(1, &vertexArray);
+    state->vertexArray = gl::VertexArray(vertexArray);
+
+    auto background = gl::buildProgram(shaders::backgroundVertex, shaders::backgroundFragment());
+    if (!background)
+        return std::unexpected(background.error());
+    state->backgroundProgram = std::move(*background);
+    auto sprite = gl::buildProgram(shaders::spriteVertex, shaders::spriteFragment());
+    if (!sprite)
+        return std::unexpected(sprite.error());
+    state->spriteProgram = std::move(*sprite);
+    state->statistics.programBuilds = 2;
+    if (auto checked = gl::check("Renderer::create"); !checked)
+        return std::unexpected(checked.error());
+    return std::unique_ptr<Renderer>(new Renderer(std::move(state)));
+}
+
+Result<std::unique_ptr<Renderer>> Renderer::createOffscreen(glm::ivec2 size) {
+    auto output = OffscreenOutput::create(size);
+    if (!output)
+        return std::unexpected(output.error());
+    return create(std::move(*output));
+}
+
+glm::ivec2 Renderer::size() const {
+    return state_->output->size();
+}
+
+std::string Renderer::deviceName() const {
+    if (!state_->output->makeCurrent())
+        return {};
+    const auto* name = reinterpret_cast<const char*>(glGetString(GL_RENDERER));
+    return name ? name : "";
+}
+
+Result<void> Renderer::render(const Frame& frame) {
+    if (auto current = state_->output->makeCurrent(); !current)
+        return current;
+    scene::SceneLock lock;
+    auto drawn = state_->drawFrame(frame);
+    state_->endFrame();
+    return drawn;
+}
+
+Result<void> Renderer::State::drawFrame(const Frame& frame) {
+    const glm::ivec2 size = output->size();
+    const bool topDown = output->rowOrder() == RowOrder::topDown;
+    if (frame.scene && frame.time)
+        frame.scene->updateActions(*frame.time);
+
+    // A top-down output is drawn upside down in clip space, which turns the winding of every
+    // triangle around as well.
+    const glm::mat4 flip = topDown ? glm::scale(glm::mat4(1), {1, -1, 1}) : glm::mat4(1);
+    const glm::mat4 view = glm::inverse(frame.camera.transform);
+    std::vector<DrawItem> items;
+    if (frame.scene)
+        collect(frame.scene, 1.0f, view, flip * frame.camera.projection * view, items);
+
+    glBindVertexArray(vertexArray.get());
+    ErrorPtr firstError;
+    std::vector<const DrawItem*> drawn;
+    drawn.reserve(items.size());
+    for (auto& item : items) {
+        bool drawable = false;
+        if (auto prepared = prepare(item, firstError, drawable); !prepared)
+            return prepared;
+        if (drawable)
+            drawn.push_back(&item);
+    }
+    GLuint backgroundTexture = 0;
+    if (frame.background) {
+        auto texture = textures.textureFor(frame.background);
+        if (!texture)
+            return std::unexpected(texture.error());
+        backgroundTexture = *texture;
+    }
+
+    glBindFramebuffer(GL_FRAMEBUFFER, output->framebuffer());
+    glViewport(0, 0, size.x, size.y);
+    glDepthMask(GL_TRUE);
+    const scene::Color clear = frame.clearColor;
+    const float clearAlpha = std::clamp(clear.alpha, 0.0f, 1.0f);
+    glClearColor(clear.red * clearAlpha, clear.green * clearAlpha, clear.blue * clearAlpha,
+                 clearAlpha);
+    glClearDepthf(1);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    lastFrameOpaque = clearAlpha >= 1 || backgroundTexture != 0;
+    if (backgroundTexture != 0)
+        drawBackground(backgroundTexture, {frame.background->width, frame.background->height}, size,
+                       topDown);
+
+    // Farthest first, so that each surface blends over what lies behind it; planes at equal
+    // depth keep tree order.
+    std::stable_sort(drawn.begin(), drawn.end(),
+                     [](const DrawItem* a, const DrawItem* b) { return a->depth < b->depth; });
+    glEnable(GL_DEPTH_TEST);
+    glDepthFunc(GL_LEQUAL);
+    glEnable(GL_BLEND);
+    glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+    glFrontFace(topDown ? GL_CW : GL_CCW);
+    glCullFace(GL_BACK);
+    for (const DrawItem* item : drawn)
+        drawPlane(*item);
+    glBindVertexArray(0);
+
+    if (auto checked = gl::check("glDrawArrays"); !checked)
+        return checked;
+    if (firstError)
+        return std::unexpected(firstError);
+    return {};
+}
+
+Result<image::Image> Renderer::snapshot() {
+    image::Image image;
+    if (auto read = snapshot(image); !read)
+        return std::unexpected(read.error());
+    return image;
+}
+
+Result<void> Renderer::snapshot(image::Image& image) {
+    State& s = *state_;
+    if (auto current = s.output->makeCurrent(); !current)
+        return current;
+    const glm::ivec2 size = s.output->size();
+    image.width = size.x;
+    image.height = size.y;
+    image.rgba.resize(image.stride() * static_cast<std::size_t>(size.y));
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, s.output->framebuffer());
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    glReadPixels(0, 0, size.x, size.y, GL_RGBA, GL_UNSIGNED_BYTE, image.rgba.data());
+    if (auto checked = gl::check("glReadPixels"); !checked)
+        return checked;
+
+    if (s.output->rowOrder() == RowOrder::bottomUp) {
+        std::vector<std::uint8_t> row(image.stride());
+        for (int top = 0, bottom = size.y - 1; top < bottom; ++top, --bottom) {
+            std::memcpy(row.data(), image.pixel(0, top), row.size());
+            std::memcpy(image.pixel(0, top), image.pixel(0, bottom), row.size());
+            std::memcpy(image.pixel(0, bottom), row.data(), row.size());
+        }
+    }
+    // The framebuffer holds premultiplied colour; an image's alpha is straight.
+    if (!s.lastFrameOpaque) {
+        for (std::size_t i = 0; i < image.rgba.size(); i += 4) {
+            const unsigned alpha = image.rgba[i + 3];
+            if (alpha == 0 || alpha == 255)
+                continue;
+            for (std::size_t c = 0; c < 3; ++c)
+                image.rgba[i + c] = static_cast<std::uint8_t>(
+                    std::min(255u, (image.rgba[i + c] * 255u + alpha / 2) / alpha));
+        }
+    }
+    return {};
+}
+
+RenderStatistics Renderer::statistics() const {
+    RenderStatistics statistics = state_->statistics;
+    statistics.textureUploads = state_->textures.uploads;
+    statistics.textureAllocations = state_->textures.allocations + state_->sceneTargetAllocations;
+    return statistics;
+}
+
+} // namespace pelkit::render

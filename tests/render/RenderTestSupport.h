@@ -1,0 +1,100 @@
+// Shared pieces of the rendering tests: a headless renderer that fails the test loudly when EGL
+// is missing, pictures made in code, and a camera that maps a plane onto pixels one to one.
+#pragma once
+
+#include <pelkit/render/Renderer.h>
+#include <pelkit/scene/Geometry.h>
+
+#include <gtest/gtest.h>
+
+#include <glm/gtc/matrix_transform.hpp>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+
+namespace pelkit::test {
+
+/// One 8-bit RGBA pixel.
+struct Rgba {
+    std::array<std::uint8_t, 4> channels{};
+
+    constexpr Rgba() = default;
+    constexpr Rgba(int r, int g, int b, int a)
+        : channels{std::uint8_t(r), std::uint8_t(g), std::uint8_t(b), std::uint8_t(a)} {}
+    constexpr std::uint8_t operator[](int i) const { return channels[i]; }
+    constexpr std::uint8_t& operator[](int i) { return channels[i]; }
+    auto begin() const { return channels.begin(); }
+    auto end() const { return channels.end(); }
+    friend bool operator==(const Rgba&, const Rgba&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const Rgba& c) {
+        return out << "(" << int(c[0]) << ", " << int(c[1]) << ", " << int(c[2]) << ", "
+                   << int(c[3]) << ")";
+    }
+};
+
+/// A headless renderer, or a failed test that says what is missing.
+inline std::unique_ptr<render::Renderer> makeRenderer(glm::ivec2 size) {
+    auto renderer = render::Renderer::createOffscreen(size);
+    if (!renderer) {
+        ADD_FAILURE() << "headless rendering needs Mesa's EGL with the surfaceless platform "
+                         "(Debian: libegl-mesa0 libgl1-mesa-dri): "
+                      << *renderer.error();
+        return nullptr;
+    }
+    return std::move(*renderer);
+}
+
+inline std::shared_ptr<image::Image> solidImage(int width, int height, Rgba c) {
+    return std::make_shared<image::Image>(image::Image::filled(
+        width, height, std::uint32_t{c[0]} << 24 | c[1] << 16 | c[2] << 8 | c[3]));
+}
+
+/// An image of four quadrants: top-left, top-right, bottom-left, bottom-right.
+inline std::shared_ptr<image::Image> quadrantImage(int width, int height,
+                                                   const std::array<Rgba, 4>& colors) {
+    auto image = std::make_shared<image::Image>(image::Image::filled(width, height));
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const Rgba& c = colors[(y < height / 2 ? 0 : 2) + (x < width / 2 ? 0 : 1)];
+            std::copy(c.begin(), c.end(), image->pixel(x, y));
+        }
+    return image;
+}
+
+inline Rgba pixelAt(const image::Image& image, int x, int y) {
+    const std::uint8_t* p = image.pixel(x, y);
+    return {p[0], p[1], p[2], p[3]};
+}
+
+/// Looks down -z at the x-y plane with one world unit per pixel, the origin at the view's
+/// centre: a plane of the view's size at the origin covers it exactly.
+inline scene::Camera pixelCamera(glm::ivec2 size) {
+    scene::Camera camera;
+    camera.viewportSize = size;
+    camera.projection =
+        glm::ortho(-size.x / 2.0f, size.x / 2.0f, -size.y / 2.0f, size.y / 2.0f, -100.0f, 100.0f);
+    return camera;
+}
+
+/// A frame of `scene` over `background` seen through `camera`.
+inline render::Frame frameOf(std::shared_ptr<const image::Image> background,
+                             std::shared_ptr<scene::Node> scene, scene::Camera camera) {
+    render::Frame frame;
+    frame.background = std::move(background);
+    frame.scene = std::move(scene);
+    frame.camera = camera;
+    return frame;
+}
+
+/// A node carrying a plane of `size` whose first material shows `contents`.
+inline std::shared_ptr<scene::Node> planeNode(glm::vec2 size, scene::MaterialContents contents) {
+    auto plane = scene::Plane::create(size.x, size.y);
+    plane->firstMaterial()->setDiffuseContents(std::move(contents));
+    auto node = scene::Node::create();
+    node->setGeometry(plane);
+    return node;
+}
+
+} // namespace pelkit::test

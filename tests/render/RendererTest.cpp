@@ -1,0 +1,510 @@
+#include "RenderTestSupport.h"
+#include "TestSupport.h"
+
+#include <pelkit/render/Renderer.h>
+#include <pelkit/scene/Geometry.h>
+#include <pelkit/scene/Node.h>
+#include <pelkit/scene/Scene2D.h>
+
+#include <gtest/gtest.h>
+
+#include <glm/gtc/constants.hpp>
+
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+
+using namespace pelkit;
+using namespace pelkit::test;
+
+namespace {
+
+constexpr Rgba red{230, 20, 20, 255};
+constexpr Rgba green{20, 200, 40, 255};
+constexpr Rgba blue{30, 40, 220, 255};
+constexpr Rgba yellow{240, 220, 30, 255};
+constexpr Rgba grey{90, 90, 90, 255};
+constexpr Rgba black{0, 0, 0, 255};
+constexpr std::array<Rgba, 4> quadrants{red, green, blue, yellow};
+
+constexpr scene::Color colorOf(Rgba c) {
+    return {c[0] / 255.0f, c[1] / 255.0f, c[2] / 255.0f, c[3] / 255.0f};
+}
+
+void expectNear(Rgba actual, Rgba expected, int tolerance, const std::string& what) {
+    for (int c = 0; c < 4; ++c)
+        EXPECT_NEAR(actual[c], expected[c], tolerance)
+            << what << ": " << actual << " vs " << expected;
+}
+
+class FrameHolder : public scene::VideoFrameSource {
+public:
+    std::shared_ptr<const image::Image> currentFrame() const override {
+        std::lock_guard lock(mutex_);
+        return frame_;
+    }
+    void show(std::shared_ptr<const image::Image> frame) {
+        std::lock_guard lock(mutex_);
+        frame_ = std::move(frame);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const image::Image> frame_;
+};
+
+// The headless output's pictures, read back through the path a window's bottom-up
+// framebuffer takes.
+class BottomUpOutput : public render::Output {
+public:
+    explicit BottomUpOutput(std::shared_ptr<render::OffscreenOutput> inner)
+        : inner_(std::move(inner)) {}
+    Result<void> makeCurrent() override { return inner_->makeCurrent(); }
+    unsigned framebuffer() const override { return inner_->framebuffer(); }
+    glm::ivec2 size() const override { return inner_->size(); }
+    render::RowOrder rowOrder() const override { return render::RowOrder::bottomUp; }
+
+private:
+    std::shared_ptr<render::OffscreenOutput> inner_;
+};
+
+class RendererTest : public ::testing::Test {
+protected:
+    static constexpr glm::ivec2 viewSize{160, 120};
+
+    void SetUp() override {
+        renderer = makeRenderer(viewSize);
+        ASSERT_TRUE(renderer);
+    }
+
+    // Renders `root` over a grey background seen through the one-pixel-per-unit camera.
+    image::Image draw(const std::shared_ptr<scene::Node>& root) {
+        render::Frame frame = frameOf(solidImage(4, 4, grey), root, pixelCamera(viewSize));
+        auto drawn = renderer->render(frame);
+        EXPECT_TRUE(drawn) << *drawn.error();
+        return renderer->snapshot().value();
+    }
+
+    std::unique_ptr<render::Renderer> renderer;
+};
+
+std::shared_ptr<image::Image> stripes(int width, int height, bool across,
+                                      const std::array<Rgba, 4>& colors) {
+    auto image = std::make_shared<image::Image>(image::Image::filled(width, height));
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const Rgba& c = colors[across ? y * 4 / height : x * 4 / width];
+            std::copy(c.begin(), c.end(), image->pixel(x, y));
+        }
+    return image;
+}
+
+} // namespace
+
+TEST(RendererCreation, BadSizesAreErrorsNotCrashes) {
+    struct Case {
+        glm::ivec2 size;
+        std::string description;
+    };
+    const Case cases[] = {
+        {{0, 0}, "OffscreenOutput: the size 0 x 0 is not positive"},
+        {{-5, 10}, "OffscreenOutput: the size -5 x 10 is not positive"},
+        {{100000, 10}, "OffscreenOutput: the size 100000 x 10 exceeds the largest side, "},
+    };
+    for (const auto& c : cases) {
+        auto renderer = render::Renderer::createOffscreen(c.size);
+        ASSERT_FALSE(renderer) << c.description;
+        EXPECT_EQ(renderer.error()->domain(), "GL");
+        EXPECT_TRUE(renderer.error()->description().starts_with(c.description))
+            << renderer.error()->description();
+    }
+}
+
+// The vendor list of the EGL dispatcher is read once per process, so the child runs in a
+// fresh one with no EGL implementation to find.
+TEST(RendererCreationDeathTest, WithoutEglCreationFailsWithTheCallNamed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ScopedEnv noVendors("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent/egl_vendor.json");
+    EXPECT_EXIT(
+        {
+            auto renderer = render::Renderer::createOffscreen({8, 8});
+            std::cerr << (renderer ? std::string("created") : renderer.error()->description());
+            std::exit(renderer ? 1 : 3);
+        },
+        ::testing::ExitedWithCode(3),
+        "^eglGetPlatformDisplayEXT: EGL_EXT_platform_base is not available$");
+}
+
+TEST_F(RendererTest, BackgroundFillsTheViewCroppedEvenly) {
+    struct Case {
+        const char* name;
+        glm::ivec2 imageSize;
+        bool across; // stripes run across (stacked top to bottom) or down
+        glm::ivec2 firstPixel, secondPixel;
+        Rgba first, second;
+    };
+    // The view is 160 x 120: a wide image loses its outer columns, a tall one its outer rows,
+    // whatever the scale.
+    const Case cases[] = {
+        {"wide at 1:1", {240, 120}, false, {30, 60}, {130, 60}, green, blue},
+        {"wide enlarged", {60, 30}, false, {30, 60}, {130, 60}, green, blue},
+        {"tall reduced", {160, 480}, true, {80, 20}, {80, 100}, green, blue},
+        {"same shape", {80, 60}, false, {10, 60}, {150, 60}, red, yellow},
+    };
+    for (const auto& c : cases) {
+        render::Frame frame =
+            frameOf(stripes(c.imageSize.x, c.imageSize.y, c.across, {red, green, blue, yellow}),
+                    nullptr, pixelCamera(viewSize));
+        ASSERT_TRUE(renderer->render(frame)) << c.name;
+        const image::Image picture = renderer->snapshot().value();
+        ASSERT_EQ(picture.width, viewSize.x);
+        ASSERT_EQ(picture.height, viewSize.y);
+        EXPECT_EQ(pixelAt(picture, c.firstPixel.x, c.firstPixel.y), c.first) << c.name;
+        EXPECT_EQ(pixelAt(picture, c.secondPixel.x, c.secondPixel.y), c.second) << c.name;
+    }
+}
+
+TEST_F(RendererTest, PlaneLandsWhereTheCameraProjectsIt) {
+    const glm::vec2 size{0.4f, 0.3f};
+    auto node = planeNode(size, quadrantImage(64, 64, quadrants));
+    node->setPosition({0.05f, -0.02f, -0.8f});
+    node->setEulerAngles({0.3f, -0.4f, 0.1f});
+    auto root = scene::Node::create();
+    root->addChildNode(node);
+
+    render::Frame frame = frameOf(solidImage(4, 4, grey), root,
+                                  scene::Camera::perspective(glm::radians(60.0f), viewSize));
+    ASSERT_TRUE(renderer->render(frame));
+    const image::Image picture = renderer->snapshot().value();
+
+    auto colorAt = [&](glm::vec2 local) {
+        const glm::vec3 world = node->worldTransform() * glm::vec4(local, 0, 1);
+        const auto point = frame.camera.project(world);
+        EXPECT_TRUE(point);
+        return pixelAt(picture, static_cast<int>(point->x), static_cast<int>(point->y));
+    };
+    // The image's first rows lie along the plane's top edge (+y), its first columns along -x.
+    const glm::vec2 quadrantCentres[] = {{-1, 1}, {1, 1}, {-1, -1}, {1, -1}};
+    for (int q = 0; q < 4; ++q) {
+        const glm::vec2 direction = quadrantCentres[q];
+        EXPECT_EQ(colorAt(direction * size * 0.25f), quadrants[q]) << "quadrant " << q;
+        EXPECT_EQ(colorAt(direction * size * 0.45f), quadrants[q]) << "inside corner " << q;
+        EXPECT_EQ(colorAt(direction * size * 0.55f), grey) << "outside corner " << q;
+    }
+}
+
+TEST_F(RendererTest, BackFacesAreCulledUnlessBothFacesAreShown) {
+    struct Case {
+        const char* name;
+        scene::Faces faces;
+        float yaw;
+        Rgba atTopLeft, atTopRight;
+    };
+    const Case cases[] = {
+        {"front, facing the camera", scene::Faces::front, 0, red, green},
+        {"front, turned away", scene::Faces::front, glm::pi<float>(), grey, grey},
+        {"both, turned away: mirrored", scene::Faces::both, glm::pi<float>(), green, red},
+    };
+    for (const auto& c : cases) {
+        auto node = planeNode({80, 60}, quadrantImage(8, 8, quadrants));
+        std::dynamic_pointer_cast<scene::Plane>(node->geometry())
+            ->firstMaterial()
+            ->setFaces(c.faces);
+        node->setEulerAngles({0, c.yaw, 0});
+        // The plane covers x 40..120, y 30..90 of the view.
+        const image::Image picture = draw(node);
+        EXPECT_EQ(pixelAt(picture, 60, 45), c.atTopLeft) << c.name;
+        EXPECT_EQ(pixelAt(picture, 100, 45), c.atTopRight) << c.name;
+    }
+}
+
+TEST_F(RendererTest, HiddenOrFullyFadedSubtreesAreNotDrawn) {
+    struct Case {
+        const char* name;
+        std::function<void(scene::Node& parent, scene::Node& child)> change;
+        bool drawn;
+    };
+    const Case cases[] = {
+        {"visible", [](auto&, auto&) {}, true},
+        {"parent hidden", [](auto& parent, auto&) { parent.setHidden(true); }, false},
+        {"node hidden", [](auto&, auto& child) { child.setHidden(true); }, false},
+        {"parent at opacity 0", [](auto& parent, auto&) { parent.setOpacity(0); }, false},
+        {"hidden, then shown again",
+         [](auto& parent, auto&) {
+             parent.setHidden(true);
+             parent.setHidden(false);
+         },
+         true},
+    };
+    for (const auto& c : cases) {
+        auto root = scene::Node::create();
+        auto parent = scene::Node::create();
+        auto child = planeNode({60, 60}, colorOf(red));
+        parent->setPosition({-40, 0, 0});
+        parent->addChildNode(child);
+        auto sibling = planeNode({60, 60}, colorOf(blue));
+        sibling->setPosition({40, 0, 0});
+        root->addChildNode(parent);
+        root->addChildNode(sibling);
+        c.change(*parent, *child);
+
+        const image::Image picture = draw(root);
+        EXPECT_EQ(pixelAt(picture, 40, 60), c.drawn ? red : grey) << c.name;
+        EXPECT_EQ(pixelAt(picture, 120, 60), blue) << c.name << ": the sibling always shows";
+    }
+}
+
+TEST_F(RendererTest, OpacityAndColourAlphaBlendOverWhatLiesBehind) {
+    struct Case {
+        const char* name;
+        float parentOpacity, nodeOpacity, colorAlpha;
+        float expectedAlpha;
+    };
+    const Case cases[] = {
+        {"opaque", 1, 1, 1, 1},
+        {"node at half", 1, 0.5f, 1, 0.5f},
+        {"opacities multiply down the tree", 0.5f, 0.5f, 1, 0.25f},
+        {"with the colour's alpha", 0.5f, 1, 0.5f, 0.25f},
+    };
+    const Rgba white{255, 255, 255, 255};
+    for (const auto& c : cases) {
+        auto parent = scene::Node::create();
+        parent->setOpacity(c.parentOpacity);
+        auto node = planeNode({160, 120}, scene::Color{1, 1, 1, c.colorAlpha});
+        node->setOpacity(c.nodeOpacity);
+        parent->addChildNode(node);
+        const image::Image picture = draw(parent);
+        const auto mixed = static_cast<std::uint8_t>(
+            std::lround(white[0] * c.expectedAlpha + grey[0] * (1 - c.expectedAlpha)));
+        expectNear(pixelAt(picture, 80, 60), {mixed, mixed, mixed, 255}, 1, c.name);
+    }
+}
+
+TEST_F(RendererTest, FartherPlanesAreDrawnFirstWhateverTheTreeOrder) {
+    // Both trees list the near plane first.
+    struct Case {
+        const char* name;
+        float nearAlpha;
+        Rgba expected;
+    };
+    const Case cases[] = {
+        {"opaque near plane hides the far one", 1, red},
+        {"translucent near plane shows the far one through it", 0.5f, {130, 30, 120, 255}},
+    };
+    for (const auto& c : cases) {
+        auto root = scene::Node::create();
+        auto nearPlane = planeNode(
+            {100, 100}, scene::Color{230 / 255.0f, 20 / 255.0f, 20 / 255.0f, c.nearAlpha});
+        nearPlane->setPosition({0, 0, 10});
+        auto farPlane = planeNode({100, 100}, colorOf(blue));
+        root->addChildNode(nearPlane);
+        root->addChildNode(farPlane);
+        expectNear(pixelAt(draw(root), 80, 60), c.expected, 1, c.name);
+    }
+}
+
+TEST_F(RendererTest, SpriteWithVerticalScaleMinusOneShowsUprightOnItsPlane) {
+    struct Case {
+        float yScale;
+        Rgba upper, lower;
+    };
+    const Case cases[] = {{-1, red, blue}, {1, blue, red}};
+    for (const auto& c : cases) {
+        // A picture with red on top of blue, centred in a 64-point scene on a plane that
+        // shows one texel per pixel at x 48..112, y 28..92 of the view.
+        auto sprite = scene::Sprite::create(quadrantImage(32, 32, {red, red, blue, blue}));
+        sprite->setPosition({32, 32});
+        sprite->setYScale(c.yScale);
+        auto overlay = scene::Scene2D::create({64, 64});
+        overlay->setBackgroundColor(colorOf(yellow));
+        overlay->addChild(sprite);
+        const image::Image picture = draw(planeNode({64, 64}, overlay));
+        EXPECT_EQ(pixelAt(picture, 80, 52), c.upper) << "yScale " << c.yScale;
+        EXPECT_EQ(pixelAt(picture, 80, 68), c.lower) << "yScale " << c.yScale;
+        EXPECT_EQ(pixelAt(picture, 52, 32), yellow) << "scene background";
+        EXPECT_EQ(pixelAt(picture, 30, 32), grey) << "outside the plane";
+    }
+}
+
+TEST_F(RendererTest, HiddenAndFadedSpritesAndTransparentSceneBackgrounds) {
+    auto hidden = scene::Sprite::create(solidImage(16, 16, red));
+    hidden->setPosition({16, 32});
+    hidden->setHidden(true);
+    auto half = scene::Sprite::create(solidImage(16, 16, {255, 255, 255, 255}));
+    half->setPosition({48, 32});
+    half->setAlpha(0.5f);
+    auto overlay = scene::Scene2D::create({64, 64});
+    overlay->setBackgroundColor({0, 0, 0, 0});
+    overlay->addChild(hidden);
+    overlay->addChild(half);
+    // The plane covers x 48..112, y 28..92; scene y 32 is at view row 60.
+    const image::Image picture = draw(planeNode({64, 64}, overlay));
+    EXPECT_EQ(pixelAt(picture, 64, 60), grey) << "a hidden sprite over a clear scene";
+    expectNear(pixelAt(picture, 96, 60), {173, 173, 173, 255}, 1, "a sprite at alpha 0.5");
+}
+
+TEST_F(RendererTest, SurfaceModifiersRunWithTheirMaterialsValues) {
+    using Values = std::map<std::string, scene::ShaderValue>;
+    struct Case {
+        const char* name;
+        std::string modifier;
+        Values values;
+        Rgba expected;
+    };
+    const std::string tint = "uniform vec4 u_tint;\n"
+                             "uniform float u_gain;\n"
+                             "#pragma arguments\n"
+                             "#pragma body\n"
+                             "_surface.diffuse = vec4(u_tint.rgb * u_gain, 1.0);\n";
+    const Case cases[] = {
+        {"declarations and body",
+         tint,
+         {{"u_tint", glm::vec4(0.2f, 0.4f, 0.8f, 1)}, {"u_gain", 0.5f}},
+         {26, 51, 102, 255}},
+        {"unbound uniforms read as zero", tint, {}, black},
+        {"a value of the wrong type reads as zero",
+         tint,
+         {{"u_tint", glm::vec4(1)}, {"u_gain", glm::vec2(1)}},
+         black},
+        {"vec2 and vec3 values",
+         "uniform vec2 u_rg;\nuniform vec3 u_rgb;\n#pragma body\n"
+         "_surface.diffuse = vec4(u_rg, u_rgb.b, 1.0);\n",
+         {{"u_rg", glm::vec2(1, 0.6f)}, {"u_rgb", glm::vec3(0, 0, 0.2f)}},
+         {255, 153, 51, 255}},
+        {"a body without #pragma body reads the diffuse colour",
+         "_surface.diffuse.rgb = _surface.diffuse.bgr;",
+         {},
+         {20, 20, 230, 255}},
+        {"transparency without #pragma transparent is ignored",
+         "#pragma body\n_surface.transparent.a = 0.0;",
+         {},
+         red},
+        {"transparency with #pragma transparent",
+         "#pragma transparent\n#pragma body\n_surface.transparent.a = 0.0;",
+         {},
+         grey},
+    };
+    for (const auto& c : cases) {
+        auto node = planeNode({160, 120}, colorOf(red));
+        auto material = std::dynamic_pointer_cast<scene::Plane>(node->geometry())->firstMaterial();
+        material->setShaderModifiers({{scene::ShaderEntryPoint::surface, c.modifier}});
+        for (const auto& [key, value] : c.values)
+            material->setValue(key, value);
+        expectNear(pixelAt(draw(node), 80, 60), c.expected, 1, c.name);
+    }
+}
+
+TEST_F(RendererTest, AModifierThatDoesNotCompileLeavesItsPlaneOutWithTheCompilerLog) {
+    auto root = scene::Node::create();
+    auto broken = planeNode({60, 60}, colorOf(red));
+    broken->setPosition({-40, 0, 0});
+    std::dynamic_pointer_cast<scene::Plane>(broken->geometry())
+        ->firstMaterial()
+        ->setShaderModifiers({{scene::ShaderEntryPoint::surface,
+                               "uniform float u_x;\n#pragma body\nthis is not glsl;\n"}});
+    auto fine = planeNode({60, 60}, colorOf(blue));
+    fine->setPosition({40, 0, 0});
+    root->addChildNode(broken);
+    root->addChildNode(fine);
+
+    render::Frame frame = frameOf(solidImage(4, 4, grey), root, pixelCamera(viewSize));
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto drawn = renderer->render(frame);
+        ASSERT_FALSE(drawn);
+        EXPECT_EQ(drawn.error()->domain(), "GL");
+        EXPECT_EQ(drawn.error()->code(), 0x8B81) << "GL_COMPILE_STATUS";
+        const std::string description = drawn.error()->description();
+        EXPECT_TRUE(description.starts_with("glCompileShader: fragment shader: ")) << description;
+        EXPECT_NE(description.find("0:3("), std::string::npos)
+            << "the log names the modifier's own line 3: " << description;
+        const image::Image picture = renderer->snapshot().value();
+        EXPECT_EQ(pixelAt(picture, 40, 60), grey);
+        EXPECT_EQ(pixelAt(picture, 120, 60), blue) << "the rest of the frame is drawn";
+    }
+    EXPECT_EQ(renderer->statistics().programBuilds, 4u)
+        << "two own programs, the broken one and the plain one, each built once";
+}
+
+TEST_F(RendererTest, UnchangedImagesAreUploadedOnce) {
+    auto image = solidImage(16, 16, red);
+    auto node = planeNode({160, 120}, std::shared_ptr<const image::Image>(image));
+    auto material = std::dynamic_pointer_cast<scene::Plane>(node->geometry())->firstMaterial();
+    render::Frame frame = frameOf(nullptr, node, pixelCamera(viewSize));
+    auto uploads = [&] { return renderer->statistics().textureUploads; };
+
+    ASSERT_TRUE(renderer->render(frame));
+    ASSERT_TRUE(renderer->render(frame));
+    EXPECT_EQ(uploads(), 1u) << "the same image twice";
+
+    material->setDiffuseContents(std::make_shared<const image::Image>(*solidImage(16, 16, red)));
+    ASSERT_TRUE(renderer->render(frame));
+    EXPECT_EQ(uploads(), 2u) << "an equal image is still another image";
+
+    // An image's version is its pixel buffer: changing an image means giving it a new one.
+    image->rgba = std::move(solidImage(16, 16, blue)->rgba);
+    material->setDiffuseContents(std::shared_ptr<const image::Image>(image));
+    ASSERT_TRUE(renderer->render(frame));
+    EXPECT_EQ(uploads(), 3u) << "an image with a new buffer";
+    EXPECT_EQ(pixelAt(renderer->snapshot().value(), 80, 60), blue);
+}
+
+TEST_F(RendererTest, VideoSourceShowsItsLatestFrameReusingTextures) {
+    auto source = std::make_shared<FrameHolder>();
+    auto node = planeNode({160, 120}, std::shared_ptr<scene::VideoFrameSource>(source));
+    render::Frame frame = frameOf(solidImage(4, 4, grey), node, pixelCamera(viewSize));
+
+    ASSERT_TRUE(renderer->render(frame));
+    EXPECT_EQ(pixelAt(renderer->snapshot().value(), 80, 60), grey) << "no frame decoded yet";
+
+    const auto before = renderer->statistics();
+    const Rgba colors[] = {red, green, blue, yellow, red, green, blue, yellow};
+    for (const Rgba& color : colors) {
+        source->show(solidImage(32, 24, color));
+        ASSERT_TRUE(renderer->render(frame));
+        EXPECT_EQ(pixelAt(renderer->snapshot().value(), 80, 60), color);
+    }
+    const auto after = renderer->statistics();
+    EXPECT_EQ(after.textureUploads - before.textureUploads, 8u) << "every new frame is uploaded";
+    EXPECT_LE(after.textureAllocations - before.textureAllocations, 2u)
+        << "frames of one size reuse their textures";
+}
+
+TEST_F(RendererTest, BadContentsFallBackToWhiteWithoutFailing) {
+    const Rgba white{255, 255, 255, 255};
+    auto inconsistent = std::make_shared<image::Image>();
+    inconsistent->width = 100;
+    inconsistent->height = 100; // and no pixels
+    const scene::MaterialContents contents[] = {
+        {},
+        std::shared_ptr<const image::Image>(),
+        std::shared_ptr<const image::Image>(inconsistent),
+        std::make_shared<const image::Image>(),
+        scene::Scene2D::create({0, 0}),
+    };
+    for (std::size_t i = 0; i < std::size(contents); ++i)
+        EXPECT_EQ(pixelAt(draw(planeNode({160, 120}, contents[i])), 80, 60), white)
+            << "contents " << i;
+}
+
+TEST_F(RendererTest, BottomUpOutputsGiveTheSamePicture) {
+    auto output = render::OffscreenOutput::create(viewSize);
+    ASSERT_TRUE(output);
+    auto bottomUp = render::Renderer::create(std::make_shared<BottomUpOutput>(*output));
+    ASSERT_TRUE(bottomUp);
+
+    auto node = planeNode({0.4f, 0.3f}, quadrantImage(16, 16, quadrants));
+    node->setPosition({0, 0, -0.6f});
+    node->setEulerAngles({0.2f, 0.5f, 0});
+    render::Frame frame = frameOf(stripes(64, 64, true, quadrants), node,
+                                  scene::Camera::perspective(glm::radians(60.0f), viewSize));
+    ASSERT_TRUE(renderer->render(frame));
+    ASSERT_TRUE((*bottomUp)->render(frame));
+    EXPECT_TRUE(renderer->snapshot().value() == (*bottomUp)->snapshot().value());
+}
+
+TEST_F(RendererTest, SnapshotOfATranslucentFrameHasStraightAlpha) {
+    render::Frame frame = frameOf(nullptr, nullptr, pixelCamera(viewSize));
+    frame.clearColor = {1, 0.5f, 0, 0.5f};
+    ASSERT_TRUE(renderer->render(frame));
+    expectNear(pixelAt(renderer->snapshot().value(), 5, 5), {255, 128, 0, 128}, 1, "clear");
+}
