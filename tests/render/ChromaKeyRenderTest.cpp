@@ -99,10 +99,12 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
         float threshold, smoothing;
         std::function<void(ChromaKeyMaterial&)> change; // after construction
         bool asVideo;
+        int scale = 1; // view pixels per texel: 1 reads texels whole, 2 filters between them
     };
     const Case cases[] = {
         {"green-screen values", {0, 1, 0, 1}, 0.5f, 0.001f, nullptr, false},
         {"green-screen values on a video", {0, 1, 0, 1}, 0.5f, 0.001f, nullptr, true},
+        {"green-screen values, magnified", {0, 1, 0, 1}, 0.5f, 0.001f, nullptr, false, 2},
         {"a red background colour still keys green", {1, 0, 0, 1}, 0.5f, 0.001f, nullptr, false},
         {"a wide soft edge", {0, 1, 0, 1}, 0.3f, 0.2f, nullptr, false},
         {"a wide soft edge set after construction",
@@ -116,6 +118,7 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
              m.setBackgroundColor({1, 0, 0, 1});
          },
          false},
+        {"a wide soft edge, magnified", {0, 1, 0, 1}, 0.3f, 0.2f, nullptr, false, 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -123,7 +126,7 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
         for (auto& sample : edgeColors(c.threshold, c.smoothing))
             samples.push_back(std::move(sample));
         auto picture = patchImage(samples);
-        const glm::ivec2 size{picture->width, picture->height};
+        const glm::ivec2 size = glm::ivec2{picture->width, picture->height} * c.scale;
         auto renderer = makeRenderer(size);
         ASSERT_TRUE(renderer);
 
@@ -156,18 +159,19 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
                 expected[k] = static_cast<std::uint8_t>(
                     std::lround(sample.color[k] * opacity + backdrop[k] * (1 - opacity)));
             // The patch's border pixels may mix in a neighbour; its inside may not.
-            const int left = static_cast<int>(i % patchesPerRow) * patch;
-            const int top = static_cast<int>(i / patchesPerRow) * patch;
+            const int side = patch * c.scale;
+            const int left = static_cast<int>(i % patchesPerRow) * side;
+            const int top = static_cast<int>(i / patchesPerRow) * side;
             int wrong = 0;
-            for (int y = top + 1; y < top + patch - 1; ++y)
-                for (int x = left + 1; x < left + patch - 1; ++x) {
+            for (int y = top + c.scale; y < top + side - c.scale; ++y)
+                for (int x = left + c.scale; x < left + side - c.scale; ++x) {
                     const Rgba actual = pixelAt(result, x, y);
                     for (int k = 0; k < 4; ++k)
                         wrong += std::abs(actual[k] - expected[k]) > (onEdge ? 1 : 0);
                 }
             EXPECT_EQ(wrong, 0) << sample.name << " at opacity " << opacity << ": got "
-                                << pixelAt(result, left + patch / 2, top + patch / 2)
-                                << ", expected " << expected;
+                                << pixelAt(result, left + side / 2, top + side / 2) << ", expected "
+                                << expected;
         }
     }
 }

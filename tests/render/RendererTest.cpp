@@ -193,6 +193,20 @@ TEST_F(RendererTest, PlaneLandsWhereTheCameraProjectsIt) {
     }
 }
 
+TEST_F(RendererTest, MagnifiedImagesAreFilteredBetweenTexelCentres) {
+    // Two texels, black and white, across the whole view: their centres lie at x = 40 and
+    // x = 120, and the view runs from one to the other between them.
+    auto image = solidImage(2, 1, {0, 0, 0, 255});
+    std::fill_n(image->pixel(1, 0), 3, std::uint8_t{255});
+    const image::Image picture = draw(planeNode({160, 120}, image));
+    for (int x : {10, 39, 40, 60, 80, 100, 119, 150}) {
+        const float weight = std::clamp((x + 0.5f - 40) / 80, 0.0f, 1.0f);
+        const int value = static_cast<int>(std::lround(255 * weight));
+        expectNear(pixelAt(picture, x, 60), {value, value, value, 255}, 1,
+                   "column " + std::to_string(x));
+    }
+}
+
 TEST_F(RendererTest, BackFacesAreCulledUnlessBothFacesAreShown) {
     struct Case {
         const char* name;

@@ -161,7 +161,7 @@ Result<Program> buildProgram(std::string_view vertexSource, std::string_view fra
     return program;
 }
 
-Result<Texture> createTexture(GLenum internalFormat, int width, int height) {
+Result<Texture> createTexture(GLenum internalFormat, int width, int height, GLint filter) {
     GLuint name = 0;
     glGenTextures(1, &name);
     Texture texture(name);
@@ -169,10 +169,8 @@ Result<Texture> createTexture(GLenum internalFormat, int width, int height) {
     glTexStorage2D(GL_TEXTURE_2D, 1, internalFormat, width, height);
     if (auto checked = check("glTexStorage2D"); !checked)
         return std::unexpected(checked.error());
-    // Shaders read texels with texelFetch and filter by hand; nearest keeps GL from filtering
-    // integer textures, where it is not allowed.
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, filter);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, filter);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
     return texture;

@@ -81,9 +81,10 @@ struct Program {
 /// with code GL_COMPILE_STATUS; a link failure's "glLinkProgram: <log>", code GL_LINK_STATUS.
 Result<Program> buildProgram(std::string_view vertexSource, std::string_view fragmentSource);
 
-/// A texture with immutable storage of `width` x `height` in `internalFormat`, sampled nearest
-/// and clamped to its edges.
-Result<Texture> createTexture(GLenum internalFormat, int width, int height);
+/// A texture with immutable storage of `width` x `height` in `internalFormat`, clamped to its
+/// edges, filtered by `filter` (GL_NEAREST or GL_LINEAR).
+Result<Texture> createTexture(GLenum internalFormat, int width, int height,
+                              GLint filter = GL_NEAREST);
 
 /// The largest texture or renderbuffer side the implementation takes.
 int maxTextureSize();

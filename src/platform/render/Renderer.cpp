@@ -23,6 +23,7 @@ namespace pelkit::render {
 namespace {
 
 using shaders::Diffuse;
+using shaders::Sampling;
 
 // Frames a 2D scene's texture is kept while the scene is alive but not shown.
 constexpr std::uint64_t idleSceneFrames = 120;
@@ -38,6 +39,7 @@ struct DrawItem {
     Diffuse diffuse = Diffuse::color;
     glm::vec4 color{1};
     GLuint texture = 0;
+    glm::ivec2 textureSize{0};
     const gl::Program* program = nullptr;
     bool doubleSided = false;
     std::map<std::string, scene::ShaderValue, std::less<>> values;
@@ -55,6 +57,7 @@ struct SceneTarget {
 
 struct ProgramKey {
     Diffuse diffuse;
+    Sampling sampling;
     std::string surfaceModifier;
     friend auto operator<=>(const ProgramKey&, const ProgramKey&) = default;
 };
@@ -88,6 +91,34 @@ bool isOwnUniform(std::string_view name) {
     return name.starts_with("pelkit_");
 }
 
+// Whether the plane shows its texture at its own size on the pixel grid: texel centres on pixel
+// centres, rows and columns along the view's (mirrored or not). Reading the one texel under each
+// fragment then gives exactly what filtering would.
+bool isPixelAligned(const DrawItem& item, glm::ivec2 viewport) {
+    if (item.diffuse == Diffuse::color)
+        return false;
+    glm::vec2 corners[4];
+    for (int i = 0; i < 4; ++i) {
+        const glm::vec2 uv{static_cast<float>(i & 1), static_cast<float>(i >> 1)};
+        const glm::vec4 clip =
+            item.modelViewProjection *
+            glm::vec4((uv.x - 0.5f) * item.size.x, (0.5f - uv.y) * item.size.y, 0, 1);
+        if (!(clip.w > 0))
+            return false;
+        corners[i] = (glm::vec2(clip) / clip.w + 1.0f) * 0.5f * glm::vec2(viewport);
+    }
+    auto near = [](float a, float b) { return std::abs(a - b) < 1e-3f; };
+    const glm::vec2 across = corners[1] - corners[0];
+    const glm::vec2 down = corners[2] - corners[0];
+    const glm::vec2 last = corners[1] + down;
+    return near(across.y, 0) && near(down.x, 0) &&
+           near(std::abs(across.x), static_cast<float>(item.textureSize.x)) &&
+           near(std::abs(down.y), static_cast<float>(item.textureSize.y)) &&
+           near(corners[3].x, last.x) && near(corners[3].y, last.y) &&
+           near(corners[0].x, std::round(corners[0].x)) &&
+           near(corners[0].y, std::round(corners[0].y));
+}
+
 bool sameScene(const std::weak_ptr<scene::Scene2D>& a, const std::shared_ptr<scene::Scene2D>& b) {
     return !a.owner_before(b) && !b.owner_before(a) && !a.expired();
 }
@@ -102,20 +133,24 @@ struct Renderer::State {
     gl::Program backgroundProgram;
     gl::Program spriteProgram;
     std::map<ProgramKey, Result<gl::Program>> planePrograms;
-    ImageTextures textures;
+    ImageTextures textures{ImageTextures::Kind::integer};
+    ImageTextures backgroundTextures{ImageTextures::Kind::normalised};
+    gl::Framebuffer backgroundFramebuffer; // reads a background texture for blits
     std::unordered_map<const scene::Scene2D*, SceneTarget> sceneTargets;
 
     RenderStatistics statistics;
     std::uint64_t sceneTargetAllocations = 0;
     std::uint64_t frameNumber = 0;
     int largestTexture = 0;
+    glm::ivec2 viewport{0}; // of the frame being drawn
     bool lastFrameOpaque = true;
 
-    Result<const gl::Program*> planeProgram(Diffuse diffuse, const std::string& modifier);
+    Result<const gl::Program*> planeProgram(Diffuse diffuse, Sampling sampling,
+                                            const std::string& modifier);
     Result<GLuint> sceneTexture(const std::shared_ptr<scene::Scene2D>& scene);
     Result<void> drawFrame(const Frame& frame);
     Result<void> prepare(DrawItem& item, ErrorPtr& firstError, bool& drawable);
-    void drawBackground(GLuint texture, glm::ivec2 imageSize, glm::ivec2 viewSize, bool topDown);
+    Result<bool> drawBackground(const std::shared_ptr<const image::Image>& image);
     void drawPlane(const DrawItem& item);
     void endFrame();
 };
@@ -148,17 +183,17 @@ void collect(const std::shared_ptr<scene::Node>& node, float parentOpacity, cons
 
 } // namespace
 
-Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse,
+Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse, Sampling sampling,
                                                          const std::string& modifier) {
-    ProgramKey key{diffuse, modifier};
+    ProgramKey key{diffuse, sampling, modifier};
     auto it = planePrograms.find(key);
     if (it == planePrograms.end()) {
         std::optional<shaders::SurfaceModifier> parsed;
         if (!modifier.empty())
             parsed = shaders::parseSurfaceModifier(modifier);
         ++statistics.programBuilds;
-        auto program =
-            gl::buildProgram(shaders::planeVertex, shaders::planeFragment(diffuse, parsed));
+        auto program = gl::buildProgram(shaders::planeVertex,
+                                        shaders::planeFragment(diffuse, sampling, parsed));
         // A failed build is kept too: the same text fails the same way every frame.
         it = planePrograms.emplace(std::move(key), std::move(program)).first;
     }
@@ -262,12 +297,14 @@ Result<void> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError, bool
     }
 
     // Contents that cannot be shown leave the surface in its default opaque white.
-    auto useTexture = [&](Result<GLuint> texture, Diffuse diffuse) -> Result<void> {
+    auto useTexture = [&](Result<GLuint> texture, Diffuse diffuse,
+                          glm::ivec2 size) -> Result<void> {
         if (!texture)
             return std::unexpected(texture.error());
         if (*texture != 0) {
             item.texture = *texture;
             item.diffuse = diffuse;
+            item.textureSize = size;
         }
         return {};
     };
@@ -275,22 +312,32 @@ Result<void> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError, bool
     if (auto* color = std::get_if<scene::Color>(&contents)) {
         item.color = {color->red, color->green, color->blue, color->alpha};
     } else if (auto* image = std::get_if<std::shared_ptr<const image::Image>>(&contents)) {
-        resolved = useTexture(textures.textureFor(*image), Diffuse::image);
+        if (*image)
+            resolved = useTexture(textures.textureFor(*image), Diffuse::image,
+                                  {(*image)->width, (*image)->height});
     } else if (auto* scene = std::get_if<std::shared_ptr<scene::Scene2D>>(&contents)) {
-        if (*scene)
-            resolved = useTexture(sceneTexture(*scene), Diffuse::sceneTexture);
+        if (*scene) {
+            auto texture = sceneTexture(*scene);
+            const auto target = sceneTargets.find(scene->get());
+            resolved =
+                useTexture(std::move(texture), Diffuse::sceneTexture,
+                           target == sceneTargets.end() ? glm::ivec2(0) : target->second.size);
+        }
     } else if (auto* video = std::get_if<std::shared_ptr<scene::VideoFrameSource>>(&contents)) {
         auto frame = *video ? (*video)->currentFrame() : nullptr;
         if (!frame) {
             drawable = false; // nothing decoded yet
             return {};
         }
-        resolved = useTexture(textures.textureFor(frame), Diffuse::image);
+        resolved =
+            useTexture(textures.textureFor(frame), Diffuse::image, {frame->width, frame->height});
     }
     if (!resolved)
         return resolved;
 
-    auto program = planeProgram(item.diffuse, surfaceModifier);
+    const Sampling sampling =
+        isPixelAligned(item, viewport) ? Sampling::pixelAligned : Sampling::filtered;
+    auto program = planeProgram(item.diffuse, sampling, surfaceModifier);
     if (!program) {
         if (!firstError)
             firstError = program.error();
@@ -301,27 +348,45 @@ Result<void> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError, bool
     return {};
 }
 
-void Renderer::State::drawBackground(GLuint texture, glm::ivec2 imageSize, glm::ivec2 viewSize,
-                                     bool topDown) {
-    // Scale to fill: the image covers the view and its overflow is cut evenly on both sides.
-    const glm::vec2 image(imageSize);
-    const glm::vec2 view(viewSize);
-    const float scale = std::max(view.x / image.x, view.y / image.y);
-    const glm::vec2 extent = view / (scale * image);
-    const glm::vec2 origin = (glm::vec2(1) - extent) * 0.5f;
-
+Result<bool> Renderer::State::drawBackground(const std::shared_ptr<const image::Image>& image) {
+    auto texture = backgroundTextures.textureFor(image);
+    if (!texture)
+        return std::unexpected(texture.error());
+    if (*texture == 0)
+        return false;
+    const bool topDown = output->rowOrder() == RowOrder::topDown;
+    const glm::ivec2 size = output->size();
     glDisable(GL_DEPTH_TEST);
     glDisable(GL_BLEND);
     glDisable(GL_CULL_FACE);
+
+    if (image->width == size.x && image->height == size.y) {
+        // A camera image of the view's own size is copied as it is. The texture's first row is
+        // the image's top row; a bottom-up framebuffer wants it last.
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, backgroundFramebuffer.get());
+        glFramebufferTexture2D(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, *texture,
+                               0);
+        glBlitFramebuffer(0, 0, size.x, size.y, 0, topDown ? 0 : size.y, size.x,
+                          topDown ? size.y : 0, GL_COLOR_BUFFER_BIT, GL_NEAREST);
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, output->framebuffer());
+        return true;
+    }
+
+    // Scale to fill: the image covers the view and its overflow is cut evenly on both sides.
+    const glm::vec2 imageSize{static_cast<float>(image->width), static_cast<float>(image->height)};
+    const glm::vec2 view(size);
+    const float scale = std::max(view.x / imageSize.x, view.y / imageSize.y);
+    const glm::vec2 extent = view / (scale * imageSize);
+    const glm::vec2 origin = (glm::vec2(1) - extent) * 0.5f;
     glUseProgram(backgroundProgram.name.get());
     glUniform4f(backgroundProgram.location("pelkit_imageRect"), origin.x, origin.y, extent.x,
                 extent.y);
     glUniform1f(backgroundProgram.location("pelkit_flipY"), topDown ? -1.0f : 1.0f);
-    glUniform1f(backgroundProgram.location("pelkit_channelMax"), 255.0f);
     glUniform1i(backgroundProgram.location("pelkit_texture"), 0);
     glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, texture);
+    glBindTexture(GL_TEXTURE_2D, *texture);
     glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    return true;
 }
 
 void Renderer::State::drawPlane(const DrawItem& item) {
@@ -354,6 +419,7 @@ void Renderer::State::drawPlane(const DrawItem& item) {
 
 void Renderer::State::endFrame() {
     textures.endFrame();
+    backgroundTextures.endFrame();
     for (auto it = sceneTargets.begin(); it != sceneTargets.end();) {
         SceneTarget& target = it->second;
         if (target.scene.expired() || frameNumber - target.lastUsed >= idleSceneFrames) {
@@ -392,6 +458,9 @@ Result<std::unique_ptr<Renderer>> Renderer::create(std::shared_ptr<Output> outpu
     GLuint vertexArray = 0;
     glGenVertexArrays(1, &vertexArray);
     state->vertexArray = gl::VertexArray(vertexArray);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    state->backgroundFramebuffer = gl::Framebuffer(framebuffer);
 
     auto background = gl::buildProgram(shaders::backgroundVertex, shaders::backgroundFragment());
     if (!background)
@@ -437,6 +506,7 @@ Result<void> Renderer::render(const Frame& frame) {
 Result<void> Renderer::State::drawFrame(const Frame& frame) {
     const glm::ivec2 size = output->size();
     const bool topDown = output->rowOrder() == RowOrder::topDown;
+    viewport = size;
     if (frame.scene && frame.time)
         frame.scene->updateActions(*frame.time);
 
@@ -459,34 +529,37 @@ Result<void> Renderer::State::drawFrame(const Frame& frame) {
         if (drawable)
             drawn.push_back(&item);
     }
-    GLuint backgroundTexture = 0;
-    if (frame.background) {
-        auto texture = textures.textureFor(frame.background);
-        if (!texture)
-            return std::unexpected(texture.error());
-        backgroundTexture = *texture;
-    }
-
     glBindFramebuffer(GL_FRAMEBUFFER, output->framebuffer());
     glViewport(0, 0, size.x, size.y);
-    glDepthMask(GL_TRUE);
-    const scene::Color clear = frame.clearColor;
-    const float clearAlpha = std::clamp(clear.alpha, 0.0f, 1.0f);
-    glClearColor(clear.red * clearAlpha, clear.green * clearAlpha, clear.blue * clearAlpha,
-                 clearAlpha);
-    glClearDepthf(1);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    lastFrameOpaque = clearAlpha >= 1 || backgroundTexture != 0;
-    if (backgroundTexture != 0)
-        drawBackground(backgroundTexture, {frame.background->width, frame.background->height}, size,
-                       topDown);
+    bool covered = false; // a background fills the whole view
+    if (frame.background) {
+        auto background = drawBackground(frame.background);
+        if (!background)
+            return std::unexpected(background.error());
+        covered = *background;
+    }
+    if (!covered) {
+        const scene::Color clear = frame.clearColor;
+        const float alpha = std::clamp(clear.alpha, 0.0f, 1.0f);
+        glClearColor(clear.red * alpha, clear.green * alpha, clear.blue * alpha, alpha);
+        glClear(GL_COLOR_BUFFER_BIT);
+    }
+    lastFrameOpaque = covered || frame.clearColor.alpha >= 1;
 
     // Farthest first, so that each surface blends over what lies behind it; planes at equal
     // depth keep tree order.
     std::stable_sort(drawn.begin(), drawn.end(),
                      [](const DrawItem* a, const DrawItem* b) { return a->depth < b->depth; });
-    glEnable(GL_DEPTH_TEST);
-    glDepthFunc(GL_LEQUAL);
+    // One flat surface cannot hide part of itself: depth matters from two planes on.
+    if (drawn.size() > 1) {
+        glDepthMask(GL_TRUE);
+        glClearDepthf(1);
+        glClear(GL_DEPTH_BUFFER_BIT);
+        glEnable(GL_DEPTH_TEST);
+        glDepthFunc(GL_LEQUAL);
+    } else {
+        glDisable(GL_DEPTH_TEST);
+    }
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
     glFrontFace(topDown ? GL_CW : GL_CCW);
@@ -547,8 +620,10 @@ Result<void> Renderer::snapshot(image::Image& image) {
 
 RenderStatistics Renderer::statistics() const {
     RenderStatistics statistics = state_->statistics;
-    statistics.textureUploads = state_->textures.uploads;
-    statistics.textureAllocations = state_->textures.allocations + state_->sceneTargetAllocations;
+    const State& s = *state_;
+    statistics.textureUploads = s.textures.uploads + s.backgroundTextures.uploads;
+    statistics.textureAllocations =
+        s.textures.allocations + s.backgroundTextures.allocations + s.sceneTargetAllocations;
     return statistics;
 }
 

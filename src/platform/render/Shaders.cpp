@@ -27,6 +27,13 @@ vec4 pelkit_texel(ivec2 p) { return vec4(texelFetch(pelkit_texture, p, 0)); }
 uniform sampler2D pelkit_texture;
 vec4 pelkit_texel(ivec2 p) { return round(texelFetch(pelkit_texture, p, 0) * 255.0); }
 #endif
+#if PELKIT_PIXEL_ALIGNED
+vec4 pelkit_sample(vec2 uv) {
+    ivec2 size = textureSize(pelkit_texture, 0);
+    ivec2 p = clamp(ivec2(floor(uv * vec2(size))), ivec2(0), size - 1);
+    return pelkit_texel(p) / pelkit_channelMax;
+}
+#else
 vec4 pelkit_sample(vec2 uv) {
     ivec2 size = textureSize(pelkit_texture, 0);
     vec2 p = uv * vec2(size) - 0.5;
@@ -42,11 +49,13 @@ vec4 pelkit_sample(vec2 uv) {
     vec4 bottom = c + (d - c) * f.x;
     return (top + (bottom - top) * f.y) / pelkit_channelMax;
 }
+#endif
 )";
 
-std::string header(Diffuse diffuse) {
+std::string header(Diffuse diffuse, Sampling sampling = Sampling::filtered) {
     std::string text(fragmentHeader);
     text += "#define PELKIT_DIFFUSE " + std::to_string(static_cast<int>(diffuse)) + "\n";
+    text += "#define PELKIT_PIXEL_ALIGNED " + std::to_string(static_cast<int>(sampling)) + "\n";
     return text;
 }
 
@@ -122,8 +131,9 @@ void main() {
 }
 )";
 
-std::string planeFragment(Diffuse diffuse, const std::optional<SurfaceModifier>& modifier) {
-    std::string text = header(diffuse);
+std::string planeFragment(Diffuse diffuse, Sampling sampling,
+                          const std::optional<SurfaceModifier>& modifier) {
+    std::string text = header(diffuse, sampling);
     text += R"(in vec2 pelkit_uv;
 out vec4 pelkit_fragColor;
 uniform float pelkit_opacity;
@@ -186,10 +196,12 @@ void main() {
 )";
 
 std::string backgroundFragment() {
-    std::string text = header(Diffuse::image);
-    text += "in vec2 pelkit_uv;\nout vec4 pelkit_fragColor;\n";
-    text += samplingFunctions;
-    text += "void main() { pelkit_fragColor = pelkit_sample(pelkit_uv); }\n";
+    std::string text(fragmentHeader);
+    text += R"(in vec2 pelkit_uv;
+out vec4 pelkit_fragColor;
+uniform sampler2D pelkit_texture;
+void main() { pelkit_fragColor = texture(pelkit_texture, pelkit_uv); }
+)";
     return text;
 }
 

@@ -12,6 +12,11 @@ namespace pelkit::render::shaders {
 /// an unsigned-integer texture, or a 2D scene drawn into a normalised texture (premultiplied).
 enum class Diffuse { color = 0, image = 1, sceneTexture = 2 };
 
+/// How a texture is read: filtered bilinearly, or one texel per fragment where texel centres
+/// fall on pixel centres (a picture shown at its own size), which gives the same values for
+/// a quarter of the reads.
+enum class Sampling { filtered = 0, pixelAligned = 1 };
+
 /// A surface shader modifier cut into the parts the plane shader takes.
 struct SurfaceModifier {
     std::string declarations; ///< text before `#pragma body`, spliced in as globals
@@ -30,9 +35,12 @@ SurfaceModifier parseSurfaceModifier(std::string_view text);
 /// The vertex shader of a plane: a quad of `pelkit_size` centred on its origin.
 extern const std::string_view planeVertex;
 /// The fragment shader of a plane showing `diffuse`, with `modifier` spliced in when there is one.
-std::string planeFragment(Diffuse diffuse, const std::optional<SurfaceModifier>& modifier);
+std::string planeFragment(Diffuse diffuse, Sampling sampling,
+                          const std::optional<SurfaceModifier>& modifier);
 
-/// The background: a quad over the whole output showing part of an image.
+/// The background: a quad over the whole output showing part of an image, from a normalised
+/// texture filtered by GL (exact where a texel is shown whole: the error of GL's conversion is
+/// far below the half step that rounding to the output's bytes takes away).
 extern const std::string_view backgroundVertex;
 std::string backgroundFragment();
 

@@ -29,7 +29,9 @@ Result<gl::Texture> ImageTextures::takeTexture(int width, int height) {
         return texture;
     }
     ++allocations;
-    return gl::createTexture(GL_RGBA8UI, width, height);
+    if (kind_ == Kind::integer)
+        return gl::createTexture(GL_RGBA8UI, width, height);
+    return gl::createTexture(GL_RGBA8, width, height, GL_LINEAR);
 }
 
 Result<GLuint> ImageTextures::textureFor(const std::shared_ptr<const image::Image>& image) {
@@ -65,8 +67,9 @@ Result<GLuint> ImageTextures::textureFor(const std::shared_ptr<const image::Imag
 
     glBindTexture(GL_TEXTURE_2D, entry.texture.get());
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, image->width, image->height, GL_RGBA_INTEGER,
-                    GL_UNSIGNED_BYTE, image->rgba.data());
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, image->width, image->height,
+                    kind_ == Kind::integer ? GL_RGBA_INTEGER : GL_RGBA, GL_UNSIGNED_BYTE,
+                    image->rgba.data());
     ++uploads;
     if (auto checked = gl::check("glTexSubImage2D"); !checked) {
         entries_.erase(it);

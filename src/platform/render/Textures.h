@@ -16,8 +16,13 @@ namespace pelkit::render {
 
 class ImageTextures {
 public:
-    /// The texture holding `image` (GL_RGBA8UI, the image's bytes as they are), uploaded when the
-    /// image is new to the cache or has changed since. An image that is a different object is a
+    /// How the textures hold pixels: the image's bytes as unsigned integers (GL_RGBA8UI, read
+    /// with texelFetch, filtered by the shader), or normalised (GL_RGBA8) and filtered by GL.
+    enum class Kind { integer, normalised };
+    explicit ImageTextures(Kind kind) : kind_(kind) {}
+
+    /// The texture holding `image`, uploaded when the image is new to the cache or has changed
+    /// since. An image that is a different object is a
     /// different image, even with equal pixels; its vector's buffer and its size serve as the
     /// version of one object. Gives 0 for an image that cannot be a texture (empty, inconsistent,
     /// larger than GL allows); fails only on GL errors.
@@ -41,6 +46,7 @@ private:
     };
     Result<gl::Texture> takeTexture(int width, int height);
 
+    Kind kind_;
     std::uint64_t frame_ = 0;
     int largest_ = 0; // GL's largest texture side, asked once
     std::unordered_map<const image::Image*, Entry> entries_;
