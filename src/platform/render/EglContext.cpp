@@ -8,7 +8,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace pelkit::render {
 namespace {
@@ -82,27 +81,15 @@ bool hasExtension(const char* extensions, std::string_view name) {
     return false;
 }
 
-// EGL keeps one display per platform for the whole process, and eglTerminate would pull it from
-// under every other context made on it, so the display is shared by count: the first context
-// initialises it, the last one terminates it.
-struct SharedDisplay {
-    std::mutex mutex;
-    EGLDisplay display = EGL_NO_DISPLAY;
-    int users = 0;
-};
-
-SharedDisplay& sharedDisplay() {
-    static SharedDisplay shared;
-    return shared;
-}
-
-Result<EGLDisplay> acquireDisplay() {
-    auto& shared = sharedDisplay();
-    std::lock_guard lock(shared.mutex);
-    if (shared.users > 0) {
-        ++shared.users;
-        return shared.display;
-    }
+// EGL keeps one display per platform for the whole process, shared by every context made on
+// it. It is initialised once and never terminated: terminating would pull it from under other
+// contexts, and would unload the driver, only for the next renderer to load it again.
+Result<EGLDisplay> sharedDisplay() {
+    static std::mutex mutex;
+    static EGLDisplay initialised = EGL_NO_DISPLAY;
+    std::lock_guard lock(mutex);
+    if (initialised != EGL_NO_DISPLAY)
+        return initialised;
     const char* clientExtensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
     if (!hasExtension(clientExtensions, "EGL_EXT_platform_base"))
         return std::unexpected(
@@ -122,30 +109,9 @@ Result<EGLDisplay> acquireDisplay() {
     EGLint minor = 0;
     if (!eglInitialize(display, &major, &minor))
         return std::unexpected(lastEglError("eglInitialize"));
-    shared.display = display;
-    shared.users = 1;
+    initialised = display;
     return display;
 }
-
-void releaseDisplay() {
-    auto& shared = sharedDisplay();
-    std::lock_guard lock(shared.mutex);
-    if (shared.users == 0 || --shared.users > 0)
-        return;
-    eglTerminate(shared.display);
-    // Frees the thread's EGL state too, which would otherwise outlive the last context.
-    eglReleaseThread();
-    shared.display = EGL_NO_DISPLAY;
-}
-
-// Holds one use of the shared display; released unless handed on.
-struct DisplayUse {
-    EGLDisplay display = EGL_NO_DISPLAY;
-    ~DisplayUse() {
-        if (display != EGL_NO_DISPLAY)
-            releaseDisplay();
-    }
-};
 
 } // namespace
 
@@ -162,16 +128,14 @@ EglContext::~EglContext() {
     if (eglGetCurrentContext() == state_->context)
         eglMakeCurrent(state_->display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
     eglDestroyContext(state_->display, state_->context);
-    releaseDisplay();
 }
 
 Result<std::unique_ptr<EglContext>> EglContext::createSurfaceless() {
-    auto display = acquireDisplay();
+    auto display = sharedDisplay();
     if (!display)
         return std::unexpected(display.error());
-    DisplayUse use{*display};
 
-    const char* extensions = eglQueryString(use.display, EGL_EXTENSIONS);
+    const char* extensions = eglQueryString(*display, EGL_EXTENSIONS);
     if (!hasExtension(extensions, "EGL_KHR_surfaceless_context"))
         return std::unexpected(missingExtension("eglMakeCurrent", "EGL_KHR_surfaceless_context"));
     if (!eglBindAPI(EGL_OPENGL_ES_API))
@@ -183,19 +147,19 @@ Result<std::unique_ptr<EglContext>> EglContext::createSurfaceless() {
     if (!hasExtension(extensions, "EGL_KHR_no_config_context")) {
         const EGLint wanted[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
         EGLint count = 0;
-        if (!eglChooseConfig(use.display, wanted, &config, 1, &count))
+        if (!eglChooseConfig(*display, wanted, &config, 1, &count))
             return std::unexpected(lastEglError("eglChooseConfig"));
         if (count == 0)
             return std::unexpected(eglError("eglChooseConfig", EGL_BAD_CONFIG));
     }
     const EGLint attributes[] = {EGL_CONTEXT_MAJOR_VERSION, 3, EGL_CONTEXT_MINOR_VERSION, 0,
                                  EGL_NONE};
-    EGLContext context = eglCreateContext(use.display, config, EGL_NO_CONTEXT, attributes);
+    EGLContext context = eglCreateContext(*display, config, EGL_NO_CONTEXT, attributes);
     if (context == EGL_NO_CONTEXT)
         return std::unexpected(lastEglError("eglCreateContext"));
 
     auto state = std::make_unique<State>();
-    state->display = std::exchange(use.display, EGL_NO_DISPLAY);
+    state->display = *display;
     state->context = context;
     return std::unique_ptr<EglContext>(new EglContext(std::move(state)));
 }
