@@ -79,15 +79,6 @@ std::shared_ptr<image::Image> patchImage(const std::vector<Sample>& samples) {
     return image;
 }
 
-class StillFrame : public scene::VideoFrameSource {
-public:
-    explicit StillFrame(std::shared_ptr<const image::Image> frame) : frame_(std::move(frame)) {}
-    std::shared_ptr<const image::Image> currentFrame() const override { return frame_; }
-
-private:
-    std::shared_ptr<const image::Image> frame_;
-};
-
 } // namespace
 
 // The keyed plane over a backdrop: at every colour, the picture is the keying rule's blend of the
@@ -135,9 +126,11 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
                      : ChromaKeyMaterial::create(c.backgroundColor, c.threshold, c.smoothing);
         if (c.change)
             c.change(*material);
-        if (c.asVideo)
-            material->setDiffuseContents(std::make_shared<StillFrame>(picture));
-        else
+        if (c.asVideo) {
+            auto source = std::make_shared<FrameSource>();
+            source->frame = picture;
+            material->setDiffuseContents(std::shared_ptr<scene::VideoFrameSource>(source));
+        } else
             material->setDiffuseContents(std::shared_ptr<const image::Image>(picture));
         auto plane = scene::Plane::create(static_cast<float>(size.x), static_cast<float>(size.y));
         plane->setMaterials({material});

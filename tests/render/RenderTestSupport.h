@@ -88,6 +88,12 @@ inline render::Frame frameOf(std::shared_ptr<const image::Image> background,
     return frame;
 }
 
+/// A video source whose current frame the test sets (from the test's thread only).
+struct FrameSource : scene::VideoFrameSource {
+    std::shared_ptr<const image::Image> frame;
+    std::shared_ptr<const image::Image> currentFrame() const override { return frame; }
+};
+
 /// A node carrying a plane of `size` whose first material shows `contents`.
 inline std::shared_ptr<scene::Node> planeNode(glm::vec2 size, scene::MaterialContents contents) {
     auto plane = scene::Plane::create(size.x, size.y);
