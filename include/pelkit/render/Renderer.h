@@ -48,8 +48,11 @@ struct RenderStatistics {
 /// shows opaque white). The material's diffuse contents give the surface colour: a colour, an
 /// image, a 2D scene (drawn into a texture of one texel per point, see `Scene2D`) or a video
 /// source's current frame (a source without a frame yet leaves its plane out). Images are
-/// sampled from their exact 8-bit values, filtered bilinearly. A surface shader modifier runs as
-/// written: its lines before `#pragma body` are declarations, the rest runs per fragment with
+/// sampled from their exact 8-bit values, filtered bilinearly. Each image object is uploaded
+/// once and kept while it is drawn: an image counts as changed only when it is another object
+/// or its pixels are a new buffer (pixels rewritten in place are not seen). A surface shader
+/// modifier runs as written: its lines before `#pragma body` are declarations, the rest runs per
+/// fragment with
 /// `_surface.diffuse` and `_surface.transparent` (both vec4) to read and change; with
 /// `#pragma transparent` the alpha of `_surface.transparent` multiplies the fragment's opacity;
 /// other `#pragma` lines are dropped. Uniforms it declares take the material's values of the same
