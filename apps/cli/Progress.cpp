@@ -5,7 +5,9 @@
 
 Progress::Progress(bool live) : live_(live) {}
 
-Progress::~Progress() { finish(); }
+Progress::~Progress() {
+    finish();
+}
 
 void Progress::start() {
     if (!live_ || ticker_.joinable())

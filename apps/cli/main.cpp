@@ -10,13 +10,14 @@
 #include <pelkit/foundation/Log.h>
 #include <pelkit/foundation/UserDefaults.h>
 #include <pelkit/image/Image.h>
+#include <pelkit/net/Url.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <map>
-#include <sstream>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -147,8 +148,10 @@ private:
 int runSync(const Arguments& arguments) {
     std::string server = required(arguments, "--server");
     std::string appKey = required(arguments, "--app-key");
-    if (!server.starts_with("http://") && !server.starts_with("https://"))
-        usageError("--server must be an http:// or https:// address");
+    // The framework treats an unusable server address as a programming error; catch it here.
+    if ((!server.starts_with("http://") && !server.starts_with("https://")) ||
+        !net::Url::parse(server + "/configuration"))
+        usageError("--server must be an http:// or https:// address, e.g. http://127.0.0.1:8080");
 
     Progress progress(isatty(STDERR_FILENO) != 0);
     // Framework diagnostics go to stdout, above the live progress line.
@@ -206,8 +209,8 @@ int runShow(const Arguments& arguments) {
     }
     auto remembered = UserDefaults::standard().string(PELSyncSupervisor::lastUpdatedKey(appKey));
     std::cout << "project " << project->id << " in " << path.parent_path().string() << "\n"
-              << "  revision: " << project->lastUpdated << " (remembered: "
-              << remembered.value_or("none") << ")\n"
+              << "  revision: " << project->lastUpdated
+              << " (remembered: " << remembered.value_or("none") << ")\n"
               << "  targets: " << project->targets.size() << "\n";
     for (const auto& target : project->targets) {
         std::cout << "  target " << target.id << " \"" << target.name << "\"\n"
