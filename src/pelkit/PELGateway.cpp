@@ -157,8 +157,7 @@ void PELGateway::prepareTargetsForDownload(std::optional<std::string> lastUpdate
         printLine("Response StatusCode: " + std::to_string(status));
         if (status == 204)
             return completion(std::optional<net::Url>());
-        completion(
-            std::unexpected(PELError::networkError(Error::make("statusCodeError", status))));
+        completion(std::unexpected(PELError::networkError(Error::make("statusCodeError", status))));
     };
     net::HttpSession::shared().dataTask(std::move(request), std::move(handle))->resume();
 }

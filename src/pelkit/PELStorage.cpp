@@ -5,7 +5,9 @@
 
 namespace pelkit {
 
-std::string appKeyPrefix(const std::string& appKey) { return characterPrefix(appKey, 20); }
+std::string appKeyPrefix(const std::string& appKey) {
+    return characterPrefix(appKey, 20);
+}
 
 PELStorage::PELStorage(std::string appKey) : appKey_(std::move(appKey)) {}
 

@@ -26,7 +26,8 @@ std::string PELSyncSupervisor::lastUpdatedKey(const std::string& appKey) {
 
 void PELSyncSupervisor::startSync(bool isFirstTime) {
     if (isSynching_.exchange(true)) {
-        // A second start resets the flag: the running run ends unreported, a third start begins anew.
+        // A second start resets the flag: the running run ends unreported, a third start begins
+        // anew.
         isSynching_ = false;
         delegate_->statusDidChange(PELStatus::updateFailed(PELError::alreadySynching()));
         return;
@@ -40,7 +41,9 @@ void PELSyncSupervisor::startSync(bool isFirstTime) {
     });
 }
 
-void PELSyncSupervisor::cancelSync() { isSynching_ = false; }
+void PELSyncSupervisor::cancelSync() {
+    isSynching_ = false;
+}
 
 void PELSyncSupervisor::handleConfigurationResult(const Bytes& data) {
     // Decoding and storing do not look at isSynching: a cancelled run still keeps a good

@@ -23,7 +23,8 @@ TEST(Error, SystemErrorsNameTheCallAndTheCode) {
     EXPECT_EQ(error->domain(), "posix");
     EXPECT_EQ(error->code(), ENOENT);
     EXPECT_EQ(error->description(), "open(/nowhere): No such file or directory (2)");
-    auto fromCode = Error::fromErrorCode("rename(a, b)", std::make_error_code(std::errc::permission_denied));
+    auto fromCode =
+        Error::fromErrorCode("rename(a, b)", std::make_error_code(std::errc::permission_denied));
     EXPECT_EQ(fromCode->domain(), "posix");
     EXPECT_EQ(fromCode->description(), "rename(a, b): Permission denied (13)");
 }

@@ -82,7 +82,8 @@ TEST(FileSystem, ReaderNeverSeesAHalfWrittenFile) {
         auto bytes = readFile(path);
         ASSERT_TRUE(bytes) << bytes.error()->description();
         std::string_view text = textOf(*bytes);
-        ASSERT_TRUE(text == first || text == second) << "read a mix or a part, size " << text.size();
+        ASSERT_TRUE(text == first || text == second)
+            << "read a mix or a part, size " << text.size();
         ++reads;
     }
     writer.join();

@@ -17,7 +17,8 @@ TEST(NotificationCenter, DeliversByNameAndObjectOnThePostingThread) {
         seen.push_back("A:" + n.name);
         deliveredOn = std::this_thread::get_id();
     });
-    center.addObserver("didPlayToEnd", nullptr, [&](const Notification&) { seen.push_back("any"); });
+    center.addObserver("didPlayToEnd", nullptr,
+                       [&](const Notification&) { seen.push_back("any"); });
     center.addObserver("other", nullptr, [&](const Notification&) { seen.push_back("other"); });
 
     std::thread poster([&] { center.post({"didPlayToEnd", &itemA}); });

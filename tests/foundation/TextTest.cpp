@@ -12,7 +12,8 @@ TEST(CharacterPrefix, CountsUserPerceivedCharactersNotBytes) {
         std::size_t count;
         std::string expected;
     };
-    const std::string family = "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";
+    const std::string family =
+        "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";
     const std::string flagFr = "\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7";
     const std::string eAcute = "e\xCC\x81"; // e + combining acute accent
     const Case cases[] = {
@@ -25,7 +26,12 @@ TEST(CharacterPrefix, CountsUserPerceivedCharactersNotBytes) {
         {"regional indicator pair is one flag", flagFr + flagFr + "!", 2, flagFr + flagFr},
         {"two-byte letters", "\xC3\xA9\xC3\xA9\xC3\xA9", 2, "\xC3\xA9\xC3\xA9"},
         {"CR LF is one character", "a\r\nb", 2, "a\r\n"},
-        {"invalid bytes count one each", "\xFF\xFE" "abc", 3, "\xFF\xFE" "a"},
+        {"invalid bytes count one each",
+         "\xFF\xFE"
+         "abc",
+         3,
+         "\xFF\xFE"
+         "a"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(characterPrefix(c.text, c.count), c.expected) << c.name;
@@ -33,7 +39,10 @@ TEST(CharacterPrefix, CountsUserPerceivedCharactersNotBytes) {
 
 TEST(DecodeUtf8Lossy, ReplacesEachInvalidByteAndKeepsValidText) {
     EXPECT_EQ(decodeUtf8Lossy("http://h/x"), "http://h/x");
-    EXPECT_EQ(decodeUtf8Lossy("a\xFF" "b"), "a\xEF\xBF\xBD" "b");
+    EXPECT_EQ(decodeUtf8Lossy("a\xFF"
+                              "b"),
+              "a\xEF\xBF\xBD"
+              "b");
     EXPECT_EQ(decodeUtf8Lossy("\xC3"), "\xEF\xBF\xBD") << "a truncated sequence";
     EXPECT_EQ(decodeUtf8Lossy("\xC3\xA9"), "\xC3\xA9");
 }

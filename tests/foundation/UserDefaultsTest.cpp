@@ -69,7 +69,9 @@ TEST(UserDefaults, ProcessKilledMidWriteLeavesThePreviousValues) {
     }
     // The child may write at most 4 KiB; the oversized write kills it with SIGXFSZ half-way.
     int status = inChildProcess([&] {
-        struct rlimit limit {4096, 4096};
+        struct rlimit limit {
+            4096, 4096
+        };
         ::setrlimit(RLIMIT_FSIZE, &limit);
         UserDefaults defaults(file);
         (void)defaults.set("lastUpdatedA", std::string(1 << 20, 'x'));

@@ -294,7 +294,8 @@ TEST_F(HttpSessionTest, ConcurrentTasksAllCompleteWhenDropped) {
         HttpSession::shared()
             .dataTask(requestFor(server.baseUrl() + "/bytes/" + std::to_string(1000 + i)),
                       [&completed, i](DataTaskResult result) {
-                          if (!result.error && result.body && result.body->size() == std::size_t(1000 + i))
+                          if (!result.error && result.body &&
+                              result.body->size() == std::size_t(1000 + i))
                               ++completed;
                       })
             ->resume();

@@ -65,7 +65,8 @@ TEST_F(DevServerSyncTest, DemoProjectSyncsThenIsUpToDate) {
     runOnce();
     EXPECT_EQ(delegate->sequence().back(), "alreadyUpToDate");
     auto preparations = server->requests();
-    std::erase_if(preparations, [](const auto& r) { return r.path != "/prepareTargetsForDownload"; });
+    std::erase_if(preparations,
+                  [](const auto& r) { return r.path != "/prepareTargetsForDownload"; });
     ASSERT_EQ(preparations.size(), 2u);
     EXPECT_FALSE(preparations[0].header("lastupdated"));
     EXPECT_EQ(preparations[1].header("lastupdated"), project->lastUpdated);
@@ -103,7 +104,8 @@ TEST_F(DevServerSyncTest, ArchiveDownloadCutShortFailsTheRunAndKeepsTheConfigura
     EXPECT_EQ(end.error().which(), PELError::Case::networkError);
     EXPECT_EQ(end.error().payload()->domain(), net::kTransportErrorDomain);
     EXPECT_EQ(requestsTo("/archive/targets.zip"), 1u);
-    EXPECT_TRUE(PELProject::decode(readFile(projectDirectory(kAppKey) / "configuration.json").value()));
+    EXPECT_TRUE(
+        PELProject::decode(readFile(projectDirectory(kAppKey) / "configuration.json").value()));
 }
 
 } // namespace

@@ -14,18 +14,20 @@ using ConfigurationResult = std::expected<Bytes, PELError>;
 ConfigurationResult fetch(const std::string& host) {
     std::promise<ConfigurationResult> result;
     auto gateway = PELGateway::create(host, "key", nullptr);
-    gateway->fetchRemoteConfiguration([&](ConfigurationResult r) { result.set_value(std::move(r)); });
+    gateway->fetchRemoteConfiguration(
+        [&](ConfigurationResult r) { result.set_value(std::move(r)); });
     return result.get_future().get();
 }
 
 TEST(PELGateway, HostIsJoinedToThePathAsItIs) {
     HttpTestServer server;
     std::string seenPath;
-    server.server.set_pre_routing_handler([&](const httplib::Request& request, httplib::Response& res) {
-        seenPath = request.path;
-        res.set_content("", "application/json"); // 200 with an empty body
-        return httplib::Server::HandlerResponse::Handled;
-    });
+    server.server.set_pre_routing_handler(
+        [&](const httplib::Request& request, httplib::Response& res) {
+            seenPath = request.path;
+            res.set_content("", "application/json"); // 200 with an empty body
+            return httplib::Server::HandlerResponse::Handled;
+        });
     server.start();
     auto result = fetch(server.baseUrl() + "/");
     EXPECT_EQ(seenPath, "//configuration");

@@ -31,12 +31,12 @@ protected:
 
     void SetUp() override {
         // Recorded before the handler runs, so a request is on record once its answer arrives.
-        server.server.set_pre_routing_handler([this](const httplib::Request& request,
-                                                     httplib::Response&) {
-            std::lock_guard lock(requestsMutex);
-            requests.emplace_back(request.path, request.headers);
-            return httplib::Server::HandlerResponse::Unhandled;
-        });
+        server.server.set_pre_routing_handler(
+            [this](const httplib::Request& request, httplib::Response&) {
+                std::lock_guard lock(requestsMutex);
+                requests.emplace_back(request.path, request.headers);
+                return httplib::Server::HandlerResponse::Unhandled;
+            });
     }
 
     void serveConfiguration(const std::string& body, int status = 200) {
@@ -46,11 +46,13 @@ protected:
         });
     }
     void servePreparation(std::function<void(httplib::Response&)> answer) {
-        server.server.Get("/prepareTargetsForDownload",
-                          [answer](const httplib::Request&, httplib::Response& res) { answer(res); });
+        server.server.Get(
+            "/prepareTargetsForDownload",
+            [answer](const httplib::Request&, httplib::Response& res) { answer(res); });
     }
     void serveArchiveInBody() {
-        servePreparation([](httplib::Response& res) { res.set_content(archiveBytes(), "application/zip"); });
+        servePreparation(
+            [](httplib::Response& res) { res.set_content(archiveBytes(), "application/zip"); });
     }
 
     std::shared_ptr<PELSyncSupervisor> supervisor(const std::string& appKey = kAppKey) {
@@ -158,9 +160,9 @@ TEST_F(SyncSupervisorTest, ConfigurationStatusOtherThan200FailsWithItsCode) {
     for (int status : {500, 404, 204}) {
         SCOPED_TRACE(status);
         HttpTestServer local;
-        local.server.Get("/configuration", [status](const httplib::Request&, httplib::Response& res) {
-            res.status = status;
-        });
+        local.server.Get(
+            "/configuration",
+            [status](const httplib::Request&, httplib::Response& res) { res.status = status; });
         local.start();
         auto recorder = std::make_shared<RecordingDelegate>();
         LineCapture captured;
@@ -226,9 +228,10 @@ TEST_F(SyncSupervisorTest, PreparationFailuresArriveWrappedTwice) {
     EXPECT_EQ(inner->payload()->domain(), "statusCodeError");
     EXPECT_EQ(inner->payload()->code(), 500);
     EXPECT_EQ(lines.lines(), std::vector<std::string>{"Response StatusCode: 500"});
-    EXPECT_EQ(delegate->sequence(),
-              (std::vector<std::string>{"updateStarted(firstTime: true)", "downloadStarted",
-                                        "updateFailed(error: " + statusFailure.description() + ")"}));
+    EXPECT_EQ(
+        delegate->sequence(),
+        (std::vector<std::string>{"updateStarted(firstTime: true)", "downloadStarted",
+                                  "updateFailed(error: " + statusFailure.description() + ")"}));
 
     // A body that is neither storable nor a URL: the write fails on a directory at targets.zip.
     mode = 1;
@@ -242,7 +245,8 @@ TEST_F(SyncSupervisorTest, PreparationFailuresArriveWrappedTwice) {
     auto logged = lines.lines();
     ASSERT_EQ(logged.size(), 4u);
     EXPECT_EQ(logged[1], "Unexpected error: open(" + zipPath.string() + "): Is a directory (21)");
-    EXPECT_EQ(logged[2], "failed to write the response data to file..trying to start download task..");
+    EXPECT_EQ(logged[2],
+              "failed to write the response data to file..trying to start download task..");
     EXPECT_EQ(logged[3], "provided data was not a correct url");
     expectStoredConfiguration(kAppKey, kConfiguration);
     EXPECT_EQ(remembered(kAppKey), std::nullopt);
@@ -282,14 +286,16 @@ TEST_F(SyncSupervisorTest, BodyTextThatIsNotAnArchiveIsStoredAndTheRunCompletes)
 TEST_F(SyncSupervisorTest, AnArchiveEntryNamedConfigurationReplacesTheStoredOne) {
     serveConfiguration(kConfiguration);
     servePreparation([](httplib::Response& res) {
-        res.set_content(std::string(textOf(readFile(fixturesDirectory() / "archives" / "normal.zip").value())),
-                        "application/zip");
+        res.set_content(
+            std::string(textOf(readFile(fixturesDirectory() / "archives" / "normal.zip").value())),
+            "application/zip");
     });
     remember(kAppKey, "old");
     runOnce();
     // The replaced configuration no longer decodes: the run completes and forgets the revision.
     EXPECT_EQ(delegate->sequence().back(), "updateCompleted");
-    EXPECT_FALSE(PELProject::decode(readFile(projectDirectory(kAppKey) / "configuration.json").value()));
+    EXPECT_FALSE(
+        PELProject::decode(readFile(projectDirectory(kAppKey) / "configuration.json").value()));
     EXPECT_EQ(remembered(kAppKey), std::nullopt);
 }
 
@@ -309,29 +315,31 @@ protected:
         std::filesystem::create_directories(zipPath / "in-the-way");
     }
     void serveDownload(bool clearTheWay, bool announceLength, std::size_t breakAfter = SIZE_MAX) {
-        server.server.Get("/download/targets.zip", [=, this](const httplib::Request&,
-                                                              httplib::Response& res) {
-            if (clearTheWay)
-                std::filesystem::remove_all(zipPath);
-            auto body = std::make_shared<std::string>(archiveBytes());
-            auto provider = [body, breakAfter](std::size_t offset, httplib::DataSink& sink) {
-                if (offset >= body->size()) {
-                    sink.done();
-                    return true;
-                }
-                if (offset >= breakAfter)
-                    return false;
-                std::size_t chunk = std::min<std::size_t>({100, body->size() - offset, breakAfter - offset});
-                return sink.write(body->data() + offset, chunk);
-            };
-            if (announceLength)
-                res.set_content_provider(body->size(), "application/zip",
-                                         [provider](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-                                             return provider(offset, sink);
-                                         });
-            else
-                res.set_chunked_content_provider("application/zip", provider);
-        });
+        server.server.Get(
+            "/download/targets.zip", [=, this](const httplib::Request&, httplib::Response& res) {
+                if (clearTheWay)
+                    std::filesystem::remove_all(zipPath);
+                auto body = std::make_shared<std::string>(archiveBytes());
+                auto provider = [body, breakAfter](std::size_t offset, httplib::DataSink& sink) {
+                    if (offset >= body->size()) {
+                        sink.done();
+                        return true;
+                    }
+                    if (offset >= breakAfter)
+                        return false;
+                    std::size_t chunk =
+                        std::min<std::size_t>({100, body->size() - offset, breakAfter - offset});
+                    return sink.write(body->data() + offset, chunk);
+                };
+                if (announceLength)
+                    res.set_content_provider(
+                        body->size(), "application/zip",
+                        [provider](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                            return provider(offset, sink);
+                        });
+                else
+                    res.set_chunked_content_provider("application/zip", provider);
+            });
     }
     std::filesystem::path zipPath;
 };
@@ -376,7 +384,8 @@ TEST_P(DownloadTaskTest, DownloadedArchiveIsStoredWithProgressOnTheSessionQueue)
     auto logged = lines.lines();
     ASSERT_EQ(logged.size(), 2u);
     EXPECT_EQ(logged[0], "Unexpected error: open(" + zipPath.string() + "): Is a directory (21)");
-    EXPECT_EQ(logged[1], "failed to write the response data to file..trying to start download task..");
+    EXPECT_EQ(logged[1],
+              "failed to write the response data to file..trying to start download task..");
     auto downloads = requestsTo("/download/targets.zip");
     ASSERT_EQ(downloads.size(), 1u);
     EXPECT_EQ(downloads[0].count("appkey"), 0u) << "the archive download carries no headers";
@@ -419,12 +428,13 @@ protected:
 
     void SetUp() override {
         SyncSupervisorTest::SetUp();
-        server.server.Get("/configuration", [this](const httplib::Request&, httplib::Response& res) {
-            ++arrived;
-            std::unique_lock lock(holdMutex);
-            released.wait(lock, [this] { return release; });
-            res.set_content(kConfiguration, "application/json");
-        });
+        server.server.Get("/configuration",
+                          [this](const httplib::Request&, httplib::Response& res) {
+                              ++arrived;
+                              std::unique_lock lock(holdMutex);
+                              released.wait(lock, [this] { return release; });
+                              res.set_content(kConfiguration, "application/json");
+                          });
         serveArchiveInBody();
         server.start();
     }
@@ -521,8 +531,9 @@ TEST_F(SyncSupervisorTest, HostileArchivesInTheBodyHaveDefinedOutcomes) {
     std::mutex servedMutex;
     servePreparation([&](httplib::Response& res) {
         std::lock_guard lock(servedMutex);
-        res.set_content(std::string(textOf(readFile(fixturesDirectory() / "archives" / served).value())),
-                        "application/zip");
+        res.set_content(
+            std::string(textOf(readFile(fixturesDirectory() / "archives" / served).value())),
+            "application/zip");
     });
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fixture);

@@ -35,10 +35,9 @@ public:
         : caller_(caller) {}
 
     void statusDidChange(const PELStatus& status) override {
-        On on = std::this_thread::get_id() == caller_ ? On::caller
-                : net::HttpSession::shared().callbackQueue().isCurrent()
-                    ? On::sharedCompletionQueue
-                    : On::otherThread;
+        On on = std::this_thread::get_id() == caller_                    ? On::caller
+                : net::HttpSession::shared().callbackQueue().isCurrent() ? On::sharedCompletionQueue
+                                                                         : On::otherThread;
         std::lock_guard lock(mutex_);
         events_.push_back({status, on, std::this_thread::get_id()});
         switch (status.which()) {
@@ -112,7 +111,8 @@ protected:
         return UserDefaults::standard().string(PELSyncSupervisor::lastUpdatedKey(appKey));
     }
     static void remember(const std::string& appKey, const std::string& revision) {
-        ASSERT_TRUE(UserDefaults::standard().set(PELSyncSupervisor::lastUpdatedKey(appKey), revision));
+        ASSERT_TRUE(
+            UserDefaults::standard().set(PELSyncSupervisor::lastUpdatedKey(appKey), revision));
     }
     /// Lets every completion already queued on the shared session run.
     static void settleSharedCompletions() {

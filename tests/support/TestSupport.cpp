@@ -28,7 +28,9 @@ LineCapture::LineCapture() {
     });
 }
 
-LineCapture::~LineCapture() { setLineSink(previous_); }
+LineCapture::~LineCapture() {
+    setLineSink(previous_);
+}
 
 std::vector<std::string> LineCapture::lines() const {
     std::lock_guard lock(mutex_);
@@ -73,7 +75,9 @@ void HttpTestServer::start() {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-std::string HttpTestServer::baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
+std::string HttpTestServer::baseUrl() const {
+    return "http://127.0.0.1:" + std::to_string(port_);
+}
 
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;

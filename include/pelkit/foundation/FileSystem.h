@@ -17,7 +17,8 @@ std::filesystem::path documentsDirectory();
 
 /// Writes `bytes` to a temporary file beside `path`, flushes it, then renames it over `path`: a
 /// reader sees the old file or the new one, never a part. The directory must exist.
-[[nodiscard]] Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
+[[nodiscard]] Result<> writeFileAtomically(const std::filesystem::path& path,
+                                           std::string_view bytes);
 [[nodiscard]] Result<> writeFileAtomically(const std::filesystem::path& path, const Bytes& bytes);
 
 /// Replaces the file at `path` in place (truncate, then write), as a plain write does.

@@ -81,7 +81,8 @@ private:
             {
                 std::unique_lock lock(mutex_);
                 ready_.wait(lock, [this] { return stopping_ || !work_.empty(); });
-                // Work submitted before destruction still runs; only an empty queue ends the thread.
+                // Work submitted before destruction still runs; only an empty queue ends the
+                // thread.
                 if (work_.empty())
                     return;
                 item = std::move(work_.front());
@@ -123,9 +124,13 @@ DispatchQueue& DispatchQueue::main() {
     return *queue;
 }
 
-const std::string& DispatchQueue::label() const { return impl_->label(); }
+const std::string& DispatchQueue::label() const {
+    return impl_->label();
+}
 
-void DispatchQueue::async(std::function<void()> work) { impl_->push(std::move(work)); }
+void DispatchQueue::async(std::function<void()> work) {
+    impl_->push(std::move(work));
+}
 
 void DispatchQueue::sync(const std::function<void()>& work) {
     if (impl_->isCurrent())
@@ -144,9 +149,13 @@ void DispatchQueue::sync(const std::function<void()>& work) {
     done.wait(lock, [&] { return finished; });
 }
 
-bool DispatchQueue::isCurrent() const { return impl_->isCurrent(); }
+bool DispatchQueue::isCurrent() const {
+    return impl_->isCurrent();
+}
 
-std::size_t DispatchQueue::drain() { return impl_->drainQueued(); }
+std::size_t DispatchQueue::drain() {
+    return impl_->drainQueued();
+}
 
 bool DispatchQueue::drainUntil(const std::function<bool()>& done,
                                std::chrono::milliseconds timeout) {
@@ -158,8 +167,8 @@ bool DispatchQueue::drainUntil(const std::function<bool()>& done,
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         // Wake at least every few milliseconds: `done` may turn true without new work arriving.
-        impl_->runOne(std::min(deadline, std::chrono::steady_clock::now() +
-                                             std::chrono::milliseconds(5)));
+        impl_->runOne(
+            std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(5)));
     }
 }
 

@@ -40,13 +40,12 @@ ErrorPtr Error::fromErrno(std::string_view call, int err) {
 }
 
 ErrorPtr Error::fromErrorCode(std::string_view call, std::error_code code) {
-    return make(code.category() == std::generic_category() ||
-                        code.category() == std::system_category()
-                    ? "posix"
-                    : code.category().name(),
-                code.value(),
-                std::string(call) + ": " + code.message() + " (" + std::to_string(code.value()) +
-                    ")");
+    return make(
+        code.category() == std::generic_category() || code.category() == std::system_category()
+            ? "posix"
+            : code.category().name(),
+        code.value(),
+        std::string(call) + ": " + code.message() + " (" + std::to_string(code.value()) + ")");
 }
 
 std::ostream& operator<<(std::ostream& out, const Error& error) {

@@ -43,8 +43,8 @@ Result<> writeAll(int fd, const std::filesystem::path& path, const void* data, s
 }
 
 Result<> writeAtomically(const std::filesystem::path& path, const void* data, std::size_t size) {
-    std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX"))
-                                .string();
+    std::string temporary =
+        (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
     FileDescriptor fd(::mkstemp(temporary.data()));
     if (fd.get() < 0)
         return std::unexpected(Error::fromErrno("mkstemp(" + temporary + ")", errno));
@@ -74,7 +74,8 @@ std::filesystem::path documentsDirectory() {
         return std::filesystem::path(data) / "pelkit" / "Documents";
     const char* home = std::getenv("HOME");
     if (!home || !*home)
-        fatalError("documentsDirectory(): neither PELKIT_DOCUMENTS_DIR, XDG_DATA_HOME nor HOME is set");
+        fatalError(
+            "documentsDirectory(): neither PELKIT_DOCUMENTS_DIR, XDG_DATA_HOME nor HOME is set");
     return std::filesystem::path(home) / ".local" / "share" / "pelkit" / "Documents";
 }
 
@@ -87,7 +88,8 @@ Result<Bytes> readFile(const std::filesystem::path& path) {
         return std::unexpected(Error::fromErrno("fstat(" + path.string() + ")", errno));
     if (S_ISDIR(info.st_mode))
         return std::unexpected(Error::fromErrno("read(" + path.string() + ")", EISDIR));
-    // Read straight into the result; the size is a hint only, the file may grow or shrink meanwhile.
+    // Read straight into the result; the size is a hint only, the file may grow or shrink
+    // meanwhile.
     Bytes bytes(static_cast<std::size_t>(info.st_size) + 1);
     std::size_t filled = 0;
     for (;;) {

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <unistd.h>
+#include <utility>
 
 namespace pelkit {
 namespace {

@@ -29,8 +29,8 @@ std::string characterPrefix(std::string_view text, std::size_t count) {
             startsCharacter = true;
             state = 0;
         } else {
-            startsCharacter = previous < 0 ||
-                              utf8proc_grapheme_break_stateful(previous, codepoint, &state);
+            startsCharacter =
+                previous < 0 || utf8proc_grapheme_break_stateful(previous, codepoint, &state);
         }
         if (startsCharacter) {
             if (characters == count)

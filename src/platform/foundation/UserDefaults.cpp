@@ -50,9 +50,8 @@ struct UserDefaults::State {
         std::error_code code;
         std::filesystem::create_directories(file.parent_path(), code);
         if (code)
-            return std::unexpected(
-                Error::fromErrorCode("create_directories(" + file.parent_path().string() + ")",
-                                     code));
+            return std::unexpected(Error::fromErrorCode(
+                "create_directories(" + file.parent_path().string() + ")", code));
         nlohmann::json json(values);
         auto written = writeFileAtomically(file, json.dump(2));
         if (written) {
@@ -86,7 +85,9 @@ UserDefaults& UserDefaults::standard() {
     return *store;
 }
 
-const std::filesystem::path& UserDefaults::file() const { return state_->file; }
+const std::filesystem::path& UserDefaults::file() const {
+    return state_->file;
+}
 
 std::optional<std::string> UserDefaults::string(std::string_view key) const {
     std::lock_guard lock(state_->mutex);
