@@ -527,20 +527,15 @@ TEST_F(SyncSupervisorTest, HostileArchivesInTheBodyHaveDefinedOutcomes) {
         {"not_a_zip.zip", true, nullptr},
     };
     serveConfiguration(kConfiguration);
-    std::string served;
-    std::mutex servedMutex;
+    std::atomic<std::size_t> served{0};
     servePreparation([&](httplib::Response& res) {
-        std::lock_guard lock(servedMutex);
-        res.set_content(
-            std::string(textOf(readFile(fixturesDirectory() / "archives" / served).value())),
-            "application/zip");
+        auto archive = fixturesDirectory() / "archives" / cases[served].fixture;
+        res.set_content(std::string(textOf(readFile(archive).value())), "application/zip");
     });
-    for (const auto& c : cases) {
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        const Case& c = cases[i];
         SCOPED_TRACE(c.fixture);
-        {
-            std::lock_guard lock(servedMutex);
-            served = c.fixture;
-        }
+        served = i;
         auto before = lines.lines().size();
         runOnce();
         auto logged = lines.lines();
