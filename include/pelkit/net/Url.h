@@ -1,4 +1,4 @@
-// URLs parsed with the strictness of a phone platform's URL-from-string. Immutable values, safe to
+// Strictly parsed URLs: text that needs escaping is refused. Immutable values, safe to
 // share between threads.
 #pragma once
 
