@@ -1,5 +1,7 @@
 #include <pelkit/foundation/FileSystem.h>
 
+#include <pelkit/foundation/FileDescriptor.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -9,23 +11,6 @@
 
 namespace pelkit {
 namespace {
-
-// Closes the descriptor at scope exit.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
 
 Result<> writeAll(int fd, const std::filesystem::path& path, const void* data, std::size_t size) {
     auto* bytes = static_cast<const char*>(data);
@@ -58,7 +43,7 @@ Result<> writeAtomically(const std::filesystem::path& path, const void* data, st
         return discard(written.error());
     if (::fsync(fd.get()) != 0)
         return discard(Error::fromErrno("fsync(" + temporary + ")", errno));
-    if (::close(fd.release()) != 0)
+    if (fd.close() != 0)
         return discard(Error::fromErrno("close(" + temporary + ")", errno));
     if (::rename(temporary.c_str(), path.c_str()) != 0)
         return discard(Error::fromErrno("rename(" + temporary + ", " + path.string() + ")", errno));
@@ -123,7 +108,7 @@ Result<> writeFile(const std::filesystem::path& path, const Bytes& bytes) {
         return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
     if (auto written = writeAll(fd.get(), path, bytes.data(), bytes.size()); !written)
         return written;
-    if (::close(fd.release()) != 0)
+    if (fd.close() != 0)
         return std::unexpected(Error::fromErrno("close(" + path.string() + ")", errno));
     return {};
 }

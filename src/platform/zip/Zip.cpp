@@ -2,6 +2,7 @@
 #include <pelkit/zip/Unzip.h>
 #include <pelkit/zip/ZipWriter.h>
 
+#include <pelkit/foundation/FileDescriptor.h>
 #include <pelkit/foundation/FileSystem.h>
 
 #include <zip.h>
@@ -41,23 +42,6 @@ struct EntryCloser {
     void operator()(zip_file_t* entry) const { zip_fclose(entry); }
 };
 using EntryHandle = std::unique_ptr<zip_file_t, EntryCloser>;
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    FileDescriptor& operator=(FileDescriptor&&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    int get() const { return fd_; }
-    /// Closes now and reports the result, which for a written file can carry a late write error.
-    int close() { return ::close(std::exchange(fd_, -1)); }
-
-private:
-    int fd_;
-};
 
 ErrorPtr zipError(std::string_view call, std::string_view entry, zip_error_t* error) {
     const int code = zip_error_code_zip(error);
