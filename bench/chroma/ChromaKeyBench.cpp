@@ -139,18 +139,6 @@ Timings measure(std::vector<Frame>& frames, int framesPerRun) {
     return timings;
 }
 
-const char* nameOf(ChromaKeyKernel kernel) {
-    switch (kernel) {
-    case ChromaKeyKernel::portable:
-        return "portable";
-    case ChromaKeyKernel::avx2:
-        return "avx2";
-    case ChromaKeyKernel::avx512:
-        return "avx512";
-    }
-    return "?";
-}
-
 // Wall-clock seconds of one ffmpeg run, or nothing when ffmpeg is missing or fails.
 std::optional<double> runFfmpeg(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
@@ -264,8 +252,9 @@ int main() {
     std::printf("\n%-34s %14s %14s\n", "ms per frame", "cached frame", "frame stream");
     std::printf("%-34s %14.3f %14.3f\n", "memcpy (baseline)", hot.memcpyMs, cold.memcpyMs);
     for (std::size_t i = 0; i < hot.keyerMs.size(); ++i) {
-        const std::string label =
-            std::string("keyer, ") + nameOf(hot.keyerMs[i].first) + (i == 0 ? " (used)" : "");
+        const std::string label = std::string("keyer, ") +
+                                  chromaKeyKernelName(hot.keyerMs[i].first) +
+                                  (i == 0 ? " (used)" : "");
         std::printf("%-34s %14.3f %14.3f\n", label.c_str(), hot.keyerMs[i].second,
                     cold.keyerMs[i].second);
     }

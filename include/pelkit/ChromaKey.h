@@ -57,6 +57,8 @@ enum class ChromaKeyKernel { portable, avx2, avx512 };
 
 /// The kernel `chromaKeyFrame` uses on this processor: the widest it supports.
 ChromaKeyKernel bestChromaKeyKernel() noexcept;
+/// "portable", "avx2" or "avx512", for reports.
+const char* chromaKeyKernelName(ChromaKeyKernel kernel) noexcept;
 
 /// Whether this processor can run `kernel`.
 bool supportsChromaKeyKernel(ChromaKeyKernel kernel) noexcept;

@@ -305,4 +305,16 @@ void chromaKeyFrame(std::span<std::uint8_t> rgba, float thresholdSensitivity, fl
                            keyParameters(thresholdSensitivity, smoothing));
 }
 
+const char* chromaKeyKernelName(ChromaKeyKernel kernel) noexcept {
+    switch (kernel) {
+    case ChromaKeyKernel::portable:
+        return "portable";
+    case ChromaKeyKernel::avx2:
+        return "avx2";
+    case ChromaKeyKernel::avx512:
+        return "avx512";
+    }
+    return "?";
+}
+
 } // namespace pelkit

@@ -110,18 +110,6 @@ std::vector<ChromaKeyKernel> kernelsOfThisProcessor() {
     return kernels;
 }
 
-std::string nameOf(ChromaKeyKernel kernel) {
-    switch (kernel) {
-    case ChromaKeyKernel::portable:
-        return "portable";
-    case ChromaKeyKernel::avx2:
-        return "avx2";
-    case ChromaKeyKernel::avx512:
-        return "avx512";
-    }
-    return "?";
-}
-
 KeyColor unitColour(std::uint32_t rgb) {
     return {static_cast<float>(rgb & 0xff) / 255.0f, static_cast<float>((rgb >> 8) & 0xff) / 255.0f,
             static_cast<float>((rgb >> 16) & 0xff) / 255.0f};
@@ -170,7 +158,7 @@ TEST(ChromaKeyFrame, EveryColourGetsTheRulesAlpha) {
                 std::memcpy(&pixel, &frame[std::size_t{rgb} * 4], 4);
                 if ((pixel & 0xff'ffffu) != rgb || pixel >> 24 != expected[rgb]) {
                     ++failures;
-                    ADD_FAILURE() << parameters.name << ", " << nameOf(kernel)
+                    ADD_FAILURE() << parameters.name << ", " << chromaKeyKernelName(kernel)
                                   << " kernel: colour 0x" << std::hex << rgb << " became 0x"
                                   << pixel << ", alpha should be " << std::dec
                                   << int(expected[rgb]);
@@ -192,8 +180,9 @@ TEST(ChromaKeyFrame, KeysFramesOfAnyLengthAndPlacement) {
                 }
                 const std::vector<std::uint8_t> before = buffer;
                 chromaKeyFrame(std::span(buffer).subspan(offset, pixels * 4), 0.4f, 0.2f, kernel);
-                const std::string where = nameOf(kernel) + ", " + std::to_string(pixels) +
-                                          " pixels at offset " + std::to_string(offset);
+                const std::string where = std::string(chromaKeyKernelName(kernel)) + ", " +
+                                          std::to_string(pixels) + " pixels at offset " +
+                                          std::to_string(offset);
                 for (std::size_t i = 0; i < buffer.size(); ++i) {
                     const bool inFrame = i >= offset && i < offset + pixels * 4;
                     if (!inFrame || (i - offset) % 4 != 3) {
