@@ -10,8 +10,13 @@
 
 #include <glm/gtc/constants.hpp>
 
+#include <pelkit/scene/SceneLock.h>
+
+#include <atomic>
 #include <cstdlib>
+#include <future>
 #include <iostream>
+#include <thread>
 
 using namespace pelkit;
 using namespace pelkit::test;
@@ -81,6 +86,35 @@ std::shared_ptr<image::Image> stripes(int width, int height, bool across,
         }
     return image;
 }
+
+// A player that publishes its frames from a thread which takes the scene lock: asked for a frame,
+// it waits until such a thread has had the lock. A renderer that asks while holding the lock
+// would wait forever; the wait gives up after a while and counts as a failure instead.
+class LockTakingSource : public scene::VideoFrameSource {
+public:
+    explicit LockTakingSource(std::shared_ptr<const image::Image> frame)
+        : frame_(std::move(frame)) {}
+    ~LockTakingSource() override {
+        for (auto& thread : threads_)
+            thread.join();
+    }
+    std::shared_ptr<const image::Image> currentFrame() const override {
+        auto locked = std::make_shared<std::promise<void>>();
+        auto taken = locked->get_future();
+        threads_.emplace_back([locked] {
+            scene::SceneLock lock;
+            locked->set_value();
+        });
+        if (taken.wait_for(std::chrono::seconds(5)) != std::future_status::ready)
+            ++blocked;
+        return frame_;
+    }
+    mutable std::atomic<int> blocked = 0;
+
+private:
+    std::shared_ptr<const image::Image> frame_;
+    mutable std::vector<std::thread> threads_; // asked from the rendering thread only
+};
 
 } // namespace
 
@@ -459,6 +493,29 @@ TEST_F(RendererTest, VideoSourceShowsItsLatestFrameReusingTextures) {
     EXPECT_EQ(after.textureUploads - before.textureUploads, 8u) << "every new frame is uploaded";
     EXPECT_LE(after.textureAllocations - before.textureAllocations, 2u)
         << "frames of one size reuse their textures";
+}
+
+TEST_F(RendererTest, VideoSourcesAreAskedForFramesWithoutTheSceneLock) {
+    using Show = std::function<std::shared_ptr<scene::Node>(std::shared_ptr<LockTakingSource>)>;
+    const std::pair<const char*, Show> cases[] = {
+        {"a material's video",
+         [](auto source) {
+             return planeNode({160, 120}, source);
+         }},
+        {"a video sprite",
+         [](auto source) {
+             auto overlay = scene::Scene2D::create({160, 120});
+             auto video = scene::VideoSprite::create(source, {160, 120});
+             video->setPosition({80, 60});
+             overlay->addChild(video);
+             return planeNode({160, 120}, overlay);
+         }},
+    };
+    for (const auto& [name, show] : cases) {
+        auto source = std::make_shared<LockTakingSource>(solidImage(8, 8, red));
+        EXPECT_EQ(pixelAt(draw(show(source)), 80, 60), red) << name;
+        EXPECT_EQ(source->blocked, 0) << name << ": the frame was asked for under the scene lock";
+    }
 }
 
 TEST_F(RendererTest, BadContentsFallBackToWhiteWithoutFailing) {
