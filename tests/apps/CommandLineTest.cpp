@@ -1,5 +1,6 @@
-// The pelkit-devserver command line: parsing in-process, then the real program, run on the
-// committed demo project.
+// The programs' command lines: the shared reading rules, pelkit-devserver's options in-process,
+// then the real devserver program on the committed demo project.
+#include "common/CommandLine.h"
 #include "devserver/CommandLine.h"
 
 #include <pelkit/foundation/FileSystem.h>
@@ -22,17 +23,104 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Parses `line`, split at spaces.
-std::expected<Command, std::string> parse(const std::string& line) {
-    std::vector<std::string_view> arguments;
-    for (const auto word : std::views::split(std::string_view(line), ' '))
-        arguments.emplace_back(word.begin(), word.end());
-    return parseCommandLine(line.empty() ? std::vector<std::string_view>{} : arguments);
+std::vector<std::string_view> words(std::string_view line) {
+    std::vector<std::string_view> split;
+    for (const auto word : std::views::split(line, ' '))
+        split.emplace_back(word.begin(), word.end());
+    return line.empty() ? std::vector<std::string_view>{} : split;
+}
+
+/// The options that `line` (split at spaces) sets, or the reason it is refused.
+std::expected<DevServerOptions, std::string> parse(const std::string& line) {
+    DevServerOptions options;
+    const auto parsed = apps::parse(*commandLine(options), words(line));
+    if (!parsed)
+        return std::unexpected(parsed.error());
+    return options;
+}
+
+/// The reason a parse refused its arguments, or "<accepted>".
+template <class Value> std::string refusal(const std::expected<Value, std::string>& parsed) {
+    return parsed ? "<accepted>" : parsed.error();
 }
 
 std::string contents(const fs::path& path) {
     auto bytes = readFile(path);
     return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
+}
+
+TEST(CommandLine, ReadsEveryDevServerOption) {
+    const auto options = parse("--project /p --port 0 --app-key k --archive url "
+                               "--no-content-length --archive-file /h.zip --status "
+                               "configuration=500 --delay files=250 --close-after archive=1000 "
+                               "--status files=404 --verbose");
+    ASSERT_TRUE(options.has_value()) << options.error();
+    EXPECT_EQ(options->project, "/p");
+    EXPECT_EQ(options->port, 0);
+    EXPECT_EQ(options->appKey, "k");
+    EXPECT_EQ(options->archive, ArchiveMode::Url);
+    EXPECT_EQ(options->archiveLength, ArchiveLength::Chunked);
+    EXPECT_EQ(options->archiveFile, fs::path("/h.zip"));
+    EXPECT_TRUE(options->printRequests);
+    ASSERT_EQ(options->faults.size(), 3u);
+    EXPECT_EQ(options->faults.at(Endpoint::Configuration).status, 500);
+    EXPECT_EQ(options->faults.at(Endpoint::Files).delay, std::chrono::milliseconds(250));
+    EXPECT_EQ(options->faults.at(Endpoint::Files).status, 404) << "faults of one endpoint add up";
+    EXPECT_EQ(options->faults.at(Endpoint::Archive).closeAfterBytes, 1000u);
+
+    const auto defaults = parse("--project /p");
+    EXPECT_EQ(defaults->port, 8080);
+    EXPECT_EQ(defaults->archive, ArchiveMode::Body);
+    EXPECT_EQ(defaults->archiveLength, ArchiveLength::Announced);
+    EXPECT_FALSE(defaults->appKey);
+}
+
+TEST(CommandLine, RefusesBadDevServerValuesWithOneLineReasons) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"--port 80", "--project is required"},
+        {"--project /p --port 65536", "--port: needs a whole number from 0 to 65535, got: 65536"},
+        {"--project /p --port -1", "--port: needs a whole number from 0 to 65535, got: -1"},
+        {"--project /p --port 80x", "--port: needs a whole number from 0 to 65535, got: 80x"},
+        {"--project /p --archive zip", "--archive: needs one of body|url, got: zip"},
+        {"--project /p --status 500", "--status: needs ENDPOINT=CODE, got: 500"},
+        {"--project /p --delay config=5",
+         "--delay: unknown endpoint: config (one of configuration, prepareTargetsForDownload, "
+         "preparecontent, files, archive)"},
+        {"--project /p --status files=99",
+         "--status: needs a whole number from 100 to 599, got: 99"},
+        {"--project /p --delay files=soon",
+         "--delay: needs a whole number from 0 to 2147483647, got: soon"},
+        {"--project /p --close-after archive=",
+         "--close-after: needs a whole number from 0 to 9223372036854775807, got: "},
+    };
+    for (const auto& [arguments, reason] : cases)
+        EXPECT_EQ(refusal(parse(arguments)), reason) << arguments;
+}
+
+/// A program made of commands, as pelkit is: `sync --server S` and `show`.
+std::unique_ptr<CLI::App> programWithCommands(std::string& server) {
+    auto app = std::make_unique<CLI::App>("A program with commands.", "program");
+    app->require_subcommand(1);
+    app->add_subcommand("sync", "Syncs.")->add_option("--server", server, "the server")->required();
+    app->add_subcommand("show", "Shows.");
+    return app;
+}
+
+TEST(CommandLine, HelpAndMistakesConcernTheCommandNamed) {
+    std::string server;
+    const auto help = apps::parse(*programWithCommands(server), words("sync --help"));
+    ASSERT_TRUE(help.has_value()) << help.error();
+    EXPECT_EQ(help->action, apps::Parsed::Action::Help);
+    EXPECT_NE(help->help.find("--server"), std::string::npos) << help->help;
+
+    const std::pair<const char*, std::string> mistakes[] = {
+        {"", "A subcommand is required"},
+        {"synk --server s", "unknown command: synk"},
+        {"sync", "--server is required"},
+    };
+    for (const auto& [arguments, reason] : mistakes)
+        EXPECT_EQ(refusal(apps::parse(*programWithCommands(server), words(arguments))), reason)
+            << arguments;
 }
 
 /// Runs the devserver program with `arguments`; its exit status, standard output and error.
@@ -47,6 +135,28 @@ Run runToEnd(const std::string& arguments) {
                                     (outputs / "out").string() + " 2>" + (outputs / "err").string())
                                        .c_str());
     return {WEXITSTATUS(status), contents(outputs / "out"), contents(outputs / "err")};
+}
+
+TEST(DevServerProgram, HelpExits0BadArgumentsExit2AndAnUnservableFolderExits1) {
+    const auto help = runToEnd("--help");
+    EXPECT_EQ(help.status, 0);
+    DevServerOptions options;
+    EXPECT_EQ(help.out, commandLine(options)->help());
+    for (const auto* mention : {"DIR/configuration.json", "GET /prepareTargetsForDownload",
+                                "--close-after ENDPOINT=BYTES", "Exit status"})
+        EXPECT_NE(help.out.find(mention), std::string::npos) << "--help lacks " << mention;
+
+    const auto bad = runToEnd("--project /p --bogus");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_EQ(bad.err, "pelkit-devserver: The following argument was not expected: --bogus\n"
+                       "Run 'pelkit-devserver --help' for the options.\n");
+
+    test::TempDir dir;
+    const auto missing = runToEnd("--project " + (dir / "nowhere").string() + " --port 0");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err,
+              "pelkit-devserver: project folder not found: " + (dir / "nowhere").string() + "\n");
 }
 
 /// Starts the program with its standard output on a pipe, which `out` reads.
@@ -76,89 +186,6 @@ std::string readLine(int fd) {
     for (char c; ::read(fd, &c, 1) == 1 && c != '\n';)
         line += c;
     return line;
-}
-
-TEST(CommandLine, ReadsEveryOption) {
-    const auto command = parse("--project /p --port 0 --app-key k --archive url "
-                               "--no-content-length --archive-file /h.zip --status "
-                               "configuration=500 --delay files=250 --close-after archive=1000 "
-                               "--status files=404 --verbose");
-    ASSERT_TRUE(command.has_value()) << command.error();
-    const auto& options = command->options;
-    EXPECT_EQ(command->action, Command::Action::Serve);
-    EXPECT_EQ(options.project, "/p");
-    EXPECT_EQ(options.port, 0);
-    EXPECT_EQ(options.appKey, "k");
-    EXPECT_EQ(options.archive, ArchiveMode::Url);
-    EXPECT_EQ(options.archiveLength, ArchiveLength::Chunked);
-    EXPECT_EQ(options.archiveFile, fs::path("/h.zip"));
-    EXPECT_TRUE(options.printRequests);
-    ASSERT_EQ(options.faults.size(), 3u);
-    EXPECT_EQ(options.faults.at(Endpoint::Configuration).status, 500);
-    EXPECT_EQ(options.faults.at(Endpoint::Files).delay, std::chrono::milliseconds(250));
-    EXPECT_EQ(options.faults.at(Endpoint::Files).status, 404) << "faults of one endpoint add up";
-    EXPECT_EQ(options.faults.at(Endpoint::Archive).closeAfterBytes, 1000u);
-
-    const auto defaults = parse("--project /p");
-    EXPECT_EQ(defaults->options.port, 8080);
-    EXPECT_EQ(defaults->options.archive, ArchiveMode::Body);
-    EXPECT_EQ(defaults->options.archiveLength, ArchiveLength::Announced);
-    EXPECT_FALSE(defaults->options.appKey);
-    EXPECT_EQ(parse("--port x --help")->action, Command::Action::Help)
-        << "--help wins over any other argument";
-}
-
-TEST(CommandLine, RejectsBadArgumentsWithOneLineReasons) {
-    const std::pair<const char*, std::string> cases[] = {
-        {"", "--project is required"},
-        {"--port 80", "--project is required"},
-        {"--project", "missing value for --project"},
-        {"--project /p --colour", "unknown option: --colour"},
-        {"--project /p extra", "unknown option: extra"},
-        {"--project /p --port 65536", "--port needs a number from 0 to 65535, got: 65536"},
-        {"--project /p --port -1", "--port needs a number from 0 to 65535, got: -1"},
-        {"--project /p --port 80x", "--port needs a number from 0 to 65535, got: 80x"},
-        {"--project /p --archive zip", "--archive needs body or url, got: zip"},
-        {"--project /p --status 500", "--status needs ENDPOINT=CODE, got: 500"},
-        {"--project /p --delay config=5",
-         "unknown endpoint: config (one of configuration, prepareTargetsForDownload, "
-         "preparecontent, files, archive)"},
-        {"--project /p --status files=99", "--status needs a code from 100 to 599, got: 99"},
-        {"--project /p --delay files=soon", "--delay needs milliseconds, got: soon"},
-        {"--project /p --close-after archive=", "--close-after needs a byte count, got: "},
-    };
-    for (const auto& [arguments, reason] : cases) {
-        const auto command = parse(arguments);
-        ASSERT_FALSE(command.has_value()) << arguments;
-        EXPECT_EQ(command.error(), reason) << arguments;
-    }
-}
-
-TEST(DevServerProgram, HelpDocumentsTheLayoutEndpointsAndOptions) {
-    const auto help = runToEnd("--help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out, helpText());
-    for (const auto* mention :
-         {"DIR/configuration.json", "DIR/targets/<file>", "DIR/files/<file>", "\"lastUpdated\"",
-          "name without its extension", "GET /configuration", "GET /prepareTargetsForDownload",
-          "/preparecontent", "GET /files/<file>", "GET /archive/targets.zip", "--port N",
-          "--app-key KEY", "--archive body|url", "--no-content-length", "--archive-file FILE",
-          "--status ENDPOINT=CODE", "--delay ENDPOINT=MS", "--close-after ENDPOINT=BYTES"})
-        EXPECT_NE(help.out.find(mention), std::string::npos)
-            << "--help does not mention " << mention;
-}
-
-TEST(DevServerProgram, BadArgumentsExit2AndAnUnservableFolderExits1) {
-    const auto bad = runToEnd("--project /p --bogus");
-    EXPECT_EQ(bad.status, 2);
-    EXPECT_EQ(bad.out, "");
-    EXPECT_EQ(bad.err, "pelkit-devserver: unknown option: --bogus\n" + usageText());
-
-    test::TempDir dir;
-    const auto missing = runToEnd("--project " + (dir / "nowhere").string() + " --port 0");
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err,
-              "pelkit-devserver: project folder not found: " + (dir / "nowhere").string() + "\n");
 }
 
 // Serves the committed demo project through the real program: every target named in its
