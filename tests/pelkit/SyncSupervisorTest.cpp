@@ -13,6 +13,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <fstream>
+#include <span>
 
 namespace pelkit::test {
 namespace {
@@ -106,6 +107,15 @@ private:
     std::vector<Event> events_;
 };
 
+/// One answer of the preparation endpoint and how the run must end after it.
+struct Answer {
+    int status; // 0: the transfer breaks off
+    std::string body;
+    bool blocked;    // a directory stands at "targets.zip"
+    std::string end; // the end status, or its beginning
+    Strings lines;
+};
+
 /// A fresh documents directory, captured diagnostic lines and a server that records requests.
 class SyncSupervisorTest : public ::testing::Test {
 protected:
@@ -174,7 +184,46 @@ protected:
             UserDefaults::standard().set(PELSyncSupervisor::lastUpdatedKey(kAppKey), revision));
     }
 
+    /// One run per answer; each keeps the stored configuration and writes nothing outside the
+    /// project and no link.
+    void expectOutcomes(std::span<const Answer> answers) {
+        serveConfiguration(kConfiguration);
+        servePreparation([this, answers](httplib::Response& res) {
+            const auto& a = answers[row_];
+            res.status = a.status ? a.status : 200;
+            if (!a.body.empty())
+                res.set_content(a.body, "application/zip");
+            if (a.status == 0) // announces more than it sends, then closes
+                res.set_content_provider(1000, "application/zip",
+                                         [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                             return sink.write("PK", 2) && false;
+                                         });
+        });
+        for (row_ = 0; row_ < answers.size(); ++row_) {
+            const auto& a = answers[row_];
+            SCOPED_TRACE(a.end + " " + a.body.substr(0, 20));
+            fs::remove_all(projectDirectory() / "targets.zip");
+            if (a.blocked)
+                fs::create_directories(projectDirectory() / "targets.zip" / "in-the-way");
+            LineCapture captured;
+            runOnce();
+            auto sequence = delegate->sequence();
+            EXPECT_TRUE(sequence.back().starts_with(a.end)) << sequence.back();
+            EXPECT_EQ(sequence.end()[-2],
+                      a.end == "updateCompleted" ? "downloadCompleted" : "downloadStarted");
+            EXPECT_EQ(captured.lines(), a.lines);
+            if (a.status == 200 && !a.blocked) {
+                EXPECT_EQ(stored("targets.zip"), a.body);
+            }
+            EXPECT_EQ(stored("configuration.json"), kConfiguration);
+            EXPECT_FALSE(fs::exists(documents / "evil.txt"));
+            for (const auto& entry : fs::recursive_directory_iterator(documents.path()))
+                EXPECT_FALSE(entry.is_symlink()) << entry.path();
+        }
+    }
+
 private:
+    std::atomic<std::size_t> row_{0};
     std::mutex requestsMutex_;
     std::vector<std::pair<std::string, httplib::Headers>> requests_;
 };
@@ -338,22 +387,15 @@ TEST_F(SyncSupervisorTest, RevisionThatCannotBeSentAsAHeaderIsNotRemembered) {
         EXPECT_EQ(header(headers, "lastupdated"), std::nullopt);
 }
 
-// A failure of the preparation arrives wrapped twice. A body is stored and unpacked as far as it
-// goes; only when that fails (a directory in the way, a hostile entry) is it read as a URL.
-TEST_F(SyncSupervisorTest, PreparationAnswersHaveDefinedOutcomes) {
-    const auto zipPath = projectDirectory() / "targets.zip";
-    auto notAUrl = [](const std::string& error) {
-        return Strings{"Unexpected error: " + error, kTrying, kNotAUrl};
-    };
-    const std::string serverError = "updateFailed(error: networkError(serverError))";
-    const Strings unstorable = notAUrl("open(" + zipPath.string() + "): Is a directory (21)");
-    const struct {
-        int status; // 0: the transfer breaks off
-        std::string body;
-        bool blocked;    // a directory stands at "targets.zip"
-        std::string end; // the end status, or its beginning
-        Strings lines;
-    } cases[] = {
+Strings notAUrl(const std::string& error) {
+    return {"Unexpected error: " + error, kTrying, kNotAUrl};
+}
+const std::string kServerError = "updateFailed(error: networkError(serverError))";
+
+TEST_F(SyncSupervisorTest, PreparationFailuresArriveWrappedTwice) {
+    const Strings unstorable =
+        notAUrl("open(" + (projectDirectory() / "targets.zip").string() + "): Is a directory (21)");
+    const Answer answers[] = {
         {500,
          "",
          false,
@@ -361,57 +403,31 @@ TEST_F(SyncSupervisorTest, PreparationAnswersHaveDefinedOutcomes) {
          "couldn't be completed. (statusCodeError error 500.))))",
          {"Response StatusCode: 500"}},
         {0, "", false, "updateFailed(error: networkError(networkError(curl 18: ", {}},
-        {200, "not a url", true, serverError, unstorable},
+        {200, "not a url", true, kServerError, unstorable},
         // Too long to be read as a URL, whatever it begins with.
-        {200, "http://a/" + std::string(20000, 'a'), true, serverError, unstorable},
+        {200, "http://a/" + std::string(20000, 'a'), true, kServerError, unstorable},
+    };
+    expectOutcomes(answers);
+}
+
+// A body is stored and unpacked as far as it goes; only when that fails is it read as a URL.
+TEST_F(SyncSupervisorTest, BodiesAreStoredAndUnpackedAsFarAsTheyGo) {
+    const Answer answers[] = {
         {200, "ftp://files.example/targets.zip", false, "updateCompleted", {}},
         {200, fixture("archives/crc_mismatch.zip"), false, "updateCompleted", {}},
         {200, fixture("archives/truncated.zip"), false, "updateCompleted", {}},
         {200, fixture("archives/not_a_zip.zip"), false, "updateCompleted", {}},
-        {200, fixture("archives/zip_slip.zip"), false, serverError,
+        {200, fixture("archives/zip_slip.zip"), false, kServerError,
          notAUrl("unzipFile(../evil.txt): entry path leaves the destination")},
-        {200, fixture("archives/absolute_path.zip"), false, serverError,
+        {200, fixture("archives/absolute_path.zip"), false, kServerError,
          notAUrl("unzipFile(/tmp/pelkit-archive-fixture-evil.txt): entry path leaves the "
                  "destination")},
-        {200, fixture("archives/symlink.zip"), false, serverError,
+        {200, fixture("archives/symlink.zip"), false, kServerError,
          notAUrl("unzipFile(link): symbolic link entries are not extracted")},
-        {200, fixture("archives/corrupt_data.zip"), false, serverError,
+        {200, fixture("archives/corrupt_data.zip"), false, kServerError,
          notAUrl("zip_fread(broken.bin): Zlib error: data error (13)")},
     };
-    std::atomic<std::size_t> row{0};
-    serveConfiguration(kConfiguration);
-    servePreparation([&](httplib::Response& res) {
-        const auto& c = cases[row];
-        res.status = c.status ? c.status : 200;
-        if (!c.body.empty())
-            res.set_content(c.body, "application/zip");
-        if (c.status == 0) // announces more than it sends, then closes
-            res.set_content_provider(1000, "application/zip",
-                                     [](std::size_t, std::size_t, httplib::DataSink& sink) {
-                                         return sink.write("PK", 2) && false;
-                                     });
-    });
-    for (row = 0; row < std::size(cases); ++row) {
-        const auto& c = cases[row];
-        SCOPED_TRACE(c.end + " " + c.body.substr(0, 20));
-        fs::remove_all(zipPath);
-        if (c.blocked)
-            fs::create_directories(zipPath / "in-the-way");
-        LineCapture captured;
-        runOnce();
-        auto sequence = delegate->sequence();
-        EXPECT_TRUE(sequence.back().starts_with(c.end)) << sequence.back();
-        EXPECT_EQ(sequence.end()[-2],
-                  c.end == "updateCompleted" ? "downloadCompleted" : "downloadStarted");
-        EXPECT_EQ(captured.lines(), c.lines);
-        if (c.status == 200 && !c.blocked) {
-            EXPECT_EQ(stored("targets.zip"), c.body);
-        }
-        EXPECT_EQ(stored("configuration.json"), kConfiguration);
-        EXPECT_FALSE(fs::exists(documents / "evil.txt"));
-        for (const auto& entry : fs::recursive_directory_iterator(documents.path()))
-            EXPECT_FALSE(entry.is_symlink()) << entry.path();
-    }
+    expectOutcomes(answers);
 }
 
 TEST_F(SyncSupervisorTest, AnArchiveEntryNamedConfigurationReplacesTheStoredOne) {
