@@ -291,9 +291,6 @@ TEST_F(SyncSupervisorTest, ConfigurationFailuresEndTheRunAndKeepTheStoredProject
         {500, "",
          "updateFailed(error: networkError(500: The operation couldn't be completed. ( "
          "error 500.)))"},
-        {404, "",
-         "updateFailed(error: networkError(404: The operation couldn't be completed. ( "
-         "error 404.)))"},
         {204, "",
          "updateFailed(error: networkError(204: The operation couldn't be completed. ( "
          "error 204.)))"},
