@@ -15,6 +15,7 @@
 #include <pelkit/image/Image.h>
 #include <pelkit/net/Url.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -181,14 +182,21 @@ Command addSync(CLI::App& pelkit) {
     return {command, [options] { return runSync(*options); }};
 }
 
-std::string describeImage(const std::filesystem::path& path) {
-    auto bytes = readFile(path);
+/// A target's image file and what it holds; a name that would leave the project directory, and
+/// anything but a regular file of reasonable size, is refused unread.
+std::string describeImage(const PELStorage& storage, const std::string& name) {
+    auto path = storage.getTargetImagePath(name);
+    if (!path)
+        return "refused (" + path.error()->description() + ")";
+    auto bytes = readTargetImage(*path);
     if (!bytes)
-        return "missing";
+        return path->string() + " (" +
+               (bytes.error()->code() == ENOENT ? "missing" : bytes.error()->description()) + ")";
     auto image = image::decode(*bytes);
     if (!image)
-        return "not an image (" + std::to_string(bytes->size()) + " bytes)";
-    return std::to_string(image->width) + "x" + std::to_string(image->height) + " px";
+        return path->string() + " (not an image (" + std::to_string(bytes->size()) + " bytes))";
+    return path->string() + " (" + std::to_string(image->width) + "x" +
+           std::to_string(image->height) + " px)";
 }
 
 std::string number(double value) {
@@ -197,7 +205,33 @@ std::string number(double value) {
     return out.str();
 }
 
+void printTarget(const PELStorage& storage, const PELTarget& target) {
+    std::cout << "  target " << target.id << " \"" << target.name << "\"\n"
+              << "    image: " << describeImage(storage, target.name) << "\n"
+              << "    physical width: " << number(target.physicalWidth) << " m";
+    if (target.targetWidth && target.targetHeight)
+        std::cout << ", authored size: " << number(*target.targetWidth) << "x"
+                  << number(*target.targetHeight) << " px";
+    std::cout << "\n";
+    for (const auto& item : target.items) {
+        std::cout << "    item " << item.id << ": " << item.type << " at (" << number(item.x)
+                  << ", " << number(item.y) << ") size " << number(item.width) << "x"
+                  << number(item.height);
+        if (item.isFullscreen)
+            std::cout << ", full screen";
+        if (item.url)
+            std::cout << ", url " << item.url->absoluteString();
+        if (item.linkToOpenOnClick)
+            std::cout << ", opens " << *item.linkToOpenOnClick;
+        std::cout << "\n";
+    }
+}
+
 int runShow(const std::string& appKey) {
+    if (auto usable = checkAppKeyPrefix(appKey); !usable) {
+        std::cerr << "pelkit: " << usable.error()->description() << "\n";
+        return 1;
+    }
     PELStorage storage(appKey);
     auto path = storage.getConfigurationFilePath();
     auto bytes = readFile(path);
@@ -212,28 +246,8 @@ int runShow(const std::string& appKey) {
               << "  revision: " << project->lastUpdated
               << " (remembered: " << remembered.value_or("none") << ")\n"
               << "  targets: " << project->targets.size() << "\n";
-    for (const auto& target : project->targets) {
-        std::cout << "  target " << target.id << " \"" << target.name << "\"\n"
-                  << "    image: " << (path.parent_path() / target.name).string() << " ("
-                  << describeImage(path.parent_path() / target.name) << ")\n"
-                  << "    physical width: " << number(target.physicalWidth) << " m";
-        if (target.targetWidth && target.targetHeight)
-            std::cout << ", authored size: " << number(*target.targetWidth) << "x"
-                      << number(*target.targetHeight) << " px";
-        std::cout << "\n";
-        for (const auto& item : target.items) {
-            std::cout << "    item " << item.id << ": " << item.type << " at (" << number(item.x)
-                      << ", " << number(item.y) << ") size " << number(item.width) << "x"
-                      << number(item.height);
-            if (item.isFullscreen)
-                std::cout << ", full screen";
-            if (item.url)
-                std::cout << ", url " << item.url->absoluteString();
-            if (item.linkToOpenOnClick)
-                std::cout << ", opens " << *item.linkToOpenOnClick;
-            std::cout << "\n";
-        }
-    }
+    for (const auto& target : project->targets)
+        printTarget(storage, target);
     return 0;
 }
 
