@@ -15,18 +15,19 @@
 namespace pelkit {
 namespace {
 
-Result<> writeAll(int fd, const std::filesystem::path& path, const void* data, std::size_t size) {
-    auto* bytes = static_cast<const char*>(data);
-    while (size > 0) {
-        ssize_t written = ::write(fd, bytes, size);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return std::unexpected(Error::fromErrno("write(" + path.string() + ")", errno));
-        }
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-    }
+std::span<const std::byte> spanOf(const void* data, std::size_t size) {
+    return {static_cast<const std::byte*>(data), size};
+}
+
+// The rename lives in the directory's own data: until the directory reaches the disk, a power
+// cut can bring back the old file (or none) although the write reported success.
+Result<> syncDirectory(const std::filesystem::path& directory) {
+    FileDescriptor fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return std::unexpected(Error::fromErrno("open(" + directory.string() + ")", errno));
+    // Some file systems cannot sync a directory at all (EINVAL); there is nothing more to do.
+    if (::fsync(fd.get()) != 0 && errno != EINVAL)
+        return std::unexpected(Error::fromErrno("fsync(" + directory.string() + ")", errno));
     return {};
 }
 
@@ -42,7 +43,7 @@ Result<> writeAtomically(const std::filesystem::path& path, const void* data, st
     };
     // mkstemp creates the file 0600; a replaced file keeps the usual permissions for user data.
     ::fchmod(fd.get(), 0644);
-    if (auto written = writeAll(fd.get(), temporary, data, size); !written)
+    if (auto written = writeAll(fd.get(), spanOf(data, size), temporary); !written)
         return discard(written.error());
     if (::fsync(fd.get()) != 0)
         return discard(Error::fromErrno("fsync(" + temporary + ")", errno));
@@ -50,7 +51,7 @@ Result<> writeAtomically(const std::filesystem::path& path, const void* data, st
         return discard(Error::fromErrno("close(" + temporary + ")", errno));
     if (::rename(temporary.c_str(), path.c_str()) != 0)
         return discard(Error::fromErrno("rename(" + temporary + ", " + path.string() + ")", errno));
-    return {};
+    return syncDirectory(path.parent_path().empty() ? "." : path.parent_path());
 }
 
 } // namespace
@@ -109,7 +110,7 @@ Result<> writeFile(const std::filesystem::path& path, const Bytes& bytes) {
     FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0)
         return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
-    if (auto written = writeAll(fd.get(), path, bytes.data(), bytes.size()); !written)
+    if (auto written = writeAll(fd.get(), std::as_bytes(std::span(bytes)), path.string()); !written)
         return written;
     if (fd.close() != 0)
         return std::unexpected(Error::fromErrno("close(" + path.string() + ")", errno));

@@ -6,6 +6,8 @@
 #include <pelkit/net/HttpSession.h>
 
 #include "Redirects.h"
+#include <pelkit/foundation/FileDescriptor.h>
+#include <pelkit/foundation/Text.h>
 
 #include <curl/curl.h>
 
@@ -15,6 +17,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -99,17 +102,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
 
     Result<> write(const char* data, std::size_t size) {
-        while (size > 0) {
-            auto written = ::write(fd_, data, size);
-            if (written < 0) {
-                if (errno == EINTR)
-                    continue;
-                return std::unexpected(Error::fromErrno("write(" + path_.string() + ")", errno));
-            }
-            data += written;
-            size -= static_cast<std::size_t>(written);
-        }
-        return {};
+        return writeAll(fd_, std::as_bytes(std::span(data, size)), path_.string());
     }
 
     Result<> close() {
@@ -127,15 +120,6 @@ private:
 
 enum class TaskKind { Data, Download };
 enum class TaskState { Suspended, Running, Completed };
-
-std::string lowerCased(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
 
 std::string_view trimmed(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
@@ -722,7 +706,7 @@ std::size_t HttpSession::Impl::onHeader(char* data, std::size_t size, std::size_
             if (!continuesAfterHeaders(transfer, task.request()))
                 return 0;
         } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
-            transfer.responseHeaders[lowerCased(trimmed(line.substr(0, colon)))] =
+            transfer.responseHeaders[asciiLowercase(trimmed(line.substr(0, colon)))] =
                 std::string(trimmed(line.substr(colon + 1)));
         }
     } catch (const std::exception& exception) {

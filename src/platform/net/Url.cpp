@@ -1,4 +1,5 @@
 #include <pelkit/foundation/Error.h>
+#include <pelkit/foundation/Text.h>
 #include <pelkit/net/Url.h>
 
 #include <algorithm>
@@ -196,12 +197,7 @@ Url Url::fileUrl(const std::filesystem::path& path) {
 }
 
 std::string Url::scheme() const {
-    std::string scheme = text_.substr(0, schemeEnd_);
-    for (char& c : scheme) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
-    return scheme;
+    return asciiLowercase(std::string_view(text_).substr(0, schemeEnd_));
 }
 
 std::string Url::host() const {

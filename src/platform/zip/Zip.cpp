@@ -4,6 +4,7 @@
 
 #include <pelkit/foundation/FileDescriptor.h>
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/foundation/Text.h>
 
 #include <zip.h>
 
@@ -14,12 +15,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -102,20 +103,6 @@ bool isSymbolicLink(zip_t* archive, zip_uint64_t index) {
         return false;
     // Unix tools keep st_mode in the upper half; other systems put DOS flags there or nothing.
     return system == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
-}
-
-Result<> writeAll(int fd, const char* data, std::size_t size, const fs::path& target) {
-    while (size > 0) {
-        const auto written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return std::unexpected(posixError("write", target, errno));
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return {};
 }
 
 /// Free bytes for an unprivileged writer on the file system that holds `directory`, or on that
@@ -274,8 +261,9 @@ private:
                 return std::unexpected(zipError("zip_fread", name, zip_file_get_error(entry)));
             if (read == 0)
                 return std::unexpected(zipError("zip_fread", name, ZIP_ER_EOF));
-            if (auto done = writeAll(fd, buffer_.get(), static_cast<std::size_t>(read), target);
-                !done)
+            const auto chunk =
+                std::as_bytes(std::span(buffer_.get(), static_cast<std::size_t>(read)));
+            if (auto done = writeAll(fd, chunk, target.string()); !done)
                 return done;
             remaining -= static_cast<zip_uint64_t>(read);
         }
@@ -313,10 +301,8 @@ bool isAlreadyCompressed(const fs::path& source) {
     static constexpr std::array<std::string_view, 18> extensions{
         ".jpg", ".jpeg", ".png", ".gif", ".webp", ".heic", ".mp4", ".m4v", ".mov",
         ".m4a", ".mp3",  ".aac", ".ogg", ".zip",  ".gz",   ".bz2", ".xz",  ".7z"};
-    auto extension = source.extension().string();
-    std::ranges::transform(extension, extension.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return std::ranges::find(extensions, extension) != extensions.end();
+    return std::ranges::find(extensions, asciiLowercase(source.extension().string())) !=
+           extensions.end();
 }
 
 Result<> checkNames(std::span<const ArchiveEntry> entries) {
