@@ -202,7 +202,7 @@ std::optional<Origin> originOf(CURLU* url) {
     auto port = urlPart(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
     if (!scheme || !host || !port)
         return std::nullopt;
-    return Origin{lowerCased(*scheme), lowerCased(*host), *port};
+    return Origin{asciiLowercase(*scheme), asciiLowercase(*host), *port};
 }
 
 /// Transfer state that only the worker thread touches while the transfer runs.
