@@ -50,10 +50,7 @@ private:
 
 HttpRequest requestFor(const std::string& url,
                        std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
-    auto parsed = Url::parse(url);
-    if (!parsed)
-        ADD_FAILURE() << "test URL does not parse: " << url;
-    return {parsed.value_or(*Url::parse("invalid")), {}, timeout};
+    return {Url::parse(url).value(), {}, timeout}; // a URL that does not parse fails the test
 }
 
 enum class Cancel { Never, BeforeResume, AfterResume };
@@ -95,7 +92,8 @@ DataTaskResult fetch(HttpSession& session, HttpRequest request) {
     return std::move(fetchAll(session, {{std::move(request)}}).front());
 }
 
-/// A download delegate that records every callback; the record outlives the delegate.
+/// A download delegate that records every callback, then its own destruction; the record outlives
+/// the delegate.
 struct Event {
     std::string kind;
     std::int64_t written = 0, total = 0, expected = 0;
@@ -124,8 +122,9 @@ public:
     explicit RecordingDelegate(std::shared_ptr<Recording> recording)
         : recording_(std::move(recording)) {}
     ~RecordingDelegate() override {
-        if (onDestroy)
-            onDestroy();
+        ownSession.reset(); // the last reference, when the session is owned here
+        std::lock_guard lock(recording_->mutex);
+        recording_->events.push_back({.kind = "destroyed"});
     }
     void didWriteData(HttpSession& session, HttpTask&, std::int64_t written, std::int64_t total,
                       std::int64_t expected) override {
@@ -147,7 +146,6 @@ public:
     }
 
     std::shared_ptr<HttpSession> ownSession;
-    std::function<void()> onDestroy;
 
 private:
     void add(HttpSession& session, Event event) {
@@ -425,56 +423,38 @@ TEST_F(HttpSessionTest, DownloadStreamsOrderedProgressThenFileThenCompletion) {
     }
 }
 
-TEST_F(HttpSessionTest, InvalidationReportsAfterTasksEndThenReleasesDelegate) {
+// Ended by finishing or cancelling, a session owned by its delegate alone is destroyed from its
+// own callback thread when it lets the delegate go; destroyed outright, it calls back no more.
+TEST_F(HttpSessionTest, EndingASessionReportsAfterTasksEndThenReleasesDelegate) {
     RawSocket silent(RawSocket::Mode::Listen);
-    for (bool cancel : {false, true}) {
+    enum class End { finish, cancel, destroy };
+    for (End end : {End::finish, End::cancel, End::destroy}) {
         recording = std::make_shared<Recording>();
         auto session = makeSession();
-        // Finishing waits for a transfer that ends by itself; cancelling ends one that never would.
-        session->downloadTask(requestFor(cancel ? silent.url() : server.baseUrl() + "/bytes/5000"))
+        // Finishing waits for a transfer that ends by itself; the others end one that never would.
+        session
+            ->downloadTask(
+                requestFor(end == End::finish ? server.baseUrl() + "/bytes/5000" : silent.url()))
             ->resume();
-        if (cancel)
-            session->invalidateAndCancel();
-        else
-            session->finishTasksAndInvalidate();
-        ASSERT_TRUE(recording->waitFor("invalid")) << "cancel=" << cancel;
+        const int name = static_cast<int>(end);
+        if (end == End::destroy) {
+            session.reset();
+            ASSERT_EQ(recording->snapshot().size(), 1u) << "no callback after destruction";
+            EXPECT_EQ(recording->snapshot().front().kind, "destroyed") << "delegate released";
+            continue;
+        }
+        delegateAlive.lock()->ownSession = session;
+        end == End::cancel ? session->invalidateAndCancel() : session->finishTasksAndInvalidate();
+        session.reset();
+        ASSERT_TRUE(recording->waitFor("destroyed")) << "end " << name << ": delegate released";
         auto events = recording->snapshot();
-        ASSERT_GE(events.size(), 2u);
-        const auto& ended = events[events.size() - 2];
-        EXPECT_EQ(ended.kind, "complete") << "the task ends first";
-        EXPECT_EQ(ended.error ? ended.error->code() : 0, cancel ? 42 : 0);
-        EXPECT_FALSE(events.back().error) << "a requested invalidation carries no error";
-        EXPECT_TRUE(test::waitUntil([&] { return delegateAlive.expired(); }))
-            << "the session releases its delegate once invalid";
+        ASSERT_GE(events.size(), 3u) << "end " << name;
+        const auto& ended = events[events.size() - 3];
+        EXPECT_EQ(ended.kind, "complete") << "end " << name << ": the task ends first";
+        EXPECT_EQ(ended.error ? ended.error->code() : 0, end == End::cancel ? 42 : 0);
+        EXPECT_EQ(events[events.size() - 2].kind, "invalid") << "end " << name;
+        EXPECT_FALSE(events[events.size() - 2].error) << "a requested invalidation has no error";
     }
-}
-
-TEST_F(HttpSessionTest, DestroyingASessionEndsTransfersWithoutCallbacks) {
-    RawSocket silent(RawSocket::Mode::Listen);
-    auto session = makeSession();
-    session->downloadTask(requestFor(silent.url()))->resume();
-    session.reset();
-    EXPECT_TRUE(recording->snapshot().empty()) << "no callback after destruction";
-    EXPECT_TRUE(delegateAlive.expired()) << "the destroyed session released its delegate";
-}
-
-TEST_F(HttpSessionTest, SessionOwnedByItsDelegateIsDestroyedFromItsOwnQueue) {
-    auto session = makeSession();
-    std::promise<void> destroyed;
-    {
-        auto delegate = delegateAlive.lock();
-        delegate->ownSession = session;
-        delegate->onDestroy = [&destroyed, self = delegate.get()] {
-            self->ownSession.reset();
-            destroyed.set_value();
-        };
-    }
-    session->finishTasksAndInvalidate();
-    session.reset();
-    // Releasing the delegate after the invalidation callback drops the last session reference on
-    // the session's own callback thread.
-    ASSERT_EQ(destroyed.get_future().wait_for(30s), std::future_status::ready);
-    EXPECT_EQ(recording->snapshot().back().kind, "invalid");
 }
 
 TEST(HttpSessionDeathTest, DownloadOnASessionWithoutDelegateIsFatal) {
