@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <limits>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,23 +69,27 @@ std::filesystem::path documentsDirectory() {
     return std::filesystem::path(home) / ".local" / "share" / "pelkit" / "Documents";
 }
 
-Result<Bytes> readFile(const std::filesystem::path& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
-        return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0)
-        return std::unexpected(Error::fromErrno("fstat(" + path.string() + ")", errno));
-    if (S_ISDIR(info.st_mode))
-        return std::unexpected(Error::fromErrno("read(" + path.string() + ")", EISDIR));
-    // Read straight into the result; the size is a hint only, the file may grow or shrink
-    // meanwhile.
-    Bytes bytes(static_cast<std::size_t>(info.st_size) + 1);
+namespace {
+
+ErrorPtr tooLargeError(const std::filesystem::path& path, std::size_t maxBytes) {
+    return Error::make("posix", EFBIG,
+                       "readRegularFile(" + path.string() + "): larger than " +
+                           std::to_string(maxBytes) + " bytes");
+}
+
+/// Reads `fd` to its end straight into the result. `sizeHint` is only a hint: the file may grow
+/// or shrink meanwhile, and some files report no size at all. More than `maxBytes` is an error.
+Result<Bytes> readToEnd(int fd, const std::filesystem::path& path, std::size_t sizeHint,
+                        std::size_t maxBytes) {
+    Bytes bytes(std::min(sizeHint, maxBytes) + 1);
     std::size_t filled = 0;
     for (;;) {
-        if (filled == bytes.size())
-            bytes.resize(bytes.size() * 2);
-        ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+        if (filled == bytes.size()) {
+            if (filled > maxBytes)
+                return std::unexpected(tooLargeError(path, maxBytes));
+            bytes.resize(std::min(bytes.size() * 2, maxBytes + 1));
+        }
+        const ssize_t got = ::read(fd, bytes.data() + filled, bytes.size() - filled);
         if (got < 0) {
             if (errno == EINTR)
                 continue;
@@ -96,6 +101,21 @@ Result<Bytes> readFile(const std::filesystem::path& path) {
     }
     bytes.resize(filled);
     return bytes;
+}
+
+} // namespace
+
+Result<Bytes> readFile(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return std::unexpected(Error::fromErrno("open(" + path.string() + ")", errno));
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0)
+        return std::unexpected(Error::fromErrno("fstat(" + path.string() + ")", errno));
+    if (S_ISDIR(info.st_mode))
+        return std::unexpected(Error::fromErrno("read(" + path.string() + ")", EISDIR));
+    return readToEnd(fd.get(), path, static_cast<std::size_t>(info.st_size),
+                     std::numeric_limits<std::size_t>::max() - 1);
 }
 
 Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
@@ -183,7 +203,6 @@ Result<std::filesystem::path> appendingPathComponent(const std::filesystem::path
 }
 
 Result<Bytes> readRegularFile(const std::filesystem::path& path, std::size_t maxBytes) {
-    const std::string call = "readRegularFile(" + path.string() + ")";
     // O_NONBLOCK: opening a FIFO to read would wait for a writer; regular files ignore it.
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (fd.get() < 0)
@@ -192,35 +211,12 @@ Result<Bytes> readRegularFile(const std::filesystem::path& path, std::size_t max
     if (::fstat(fd.get(), &info) != 0)
         return std::unexpected(Error::fromErrno("fstat(" + path.string() + ")", errno));
     if (!S_ISREG(info.st_mode))
-        return std::unexpected(Error::make("posix", S_ISDIR(info.st_mode) ? EISDIR : EINVAL,
-                                           call + ": not a regular file"));
-    auto tooLarge = [&] {
-        return std::unexpected(Error::make(
-            "posix", EFBIG, call + ": larger than " + std::to_string(maxBytes) + " bytes"));
-    };
+        return std::unexpected(
+            Error::make("posix", S_ISDIR(info.st_mode) ? EISDIR : EINVAL,
+                        "readRegularFile(" + path.string() + "): not a regular file"));
     if (static_cast<std::uintmax_t>(info.st_size) > maxBytes)
-        return tooLarge();
-    // The size is a hint only: the file may grow meanwhile, and some files report none at all.
-    Bytes bytes(static_cast<std::size_t>(info.st_size) + 1);
-    std::size_t filled = 0;
-    for (;;) {
-        if (filled == bytes.size()) {
-            if (filled > maxBytes)
-                return tooLarge();
-            bytes.resize(std::min(bytes.size() * 2, maxBytes + 1));
-        }
-        const ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
-        if (got < 0) {
-            if (errno == EINTR)
-                continue;
-            return std::unexpected(Error::fromErrno("read(" + path.string() + ")", errno));
-        }
-        if (got == 0)
-            break;
-        filled += static_cast<std::size_t>(got);
-    }
-    bytes.resize(filled);
-    return bytes;
+        return std::unexpected(tooLargeError(path, maxBytes));
+    return readToEnd(fd.get(), path, static_cast<std::size_t>(info.st_size), maxBytes);
 }
 
 Result<> copyFileAtomically(const std::filesystem::path& source,
