@@ -1,0 +1,279 @@
+// An item's thread: decoding paced by the playback clock, pictures published to the renderer,
+// sound queued to the audio output.
+#include "AudioOutput.h"
+#include "Decoder.h"
+#include "FramePool.h"
+#include "ItemCore.h"
+
+#include <algorithm>
+#include <deque>
+
+namespace pelkit::media {
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+constexpr double kAudioLead = 0.3;       // seconds of sound queued ahead of the device
+constexpr double kMaxLead = 2.0;         // never decode further ahead, whatever is missing
+constexpr std::size_t kPictureLead = 3;  // decoded pictures kept ahead of the clock
+constexpr std::size_t kMaxPictures = 16; // bound when sound is ahead and pictures are dense
+// Longest sleep while playing: the sound queue is topped up well before it runs dry.
+constexpr double kLongestSleep = 0.05;
+constexpr double kShortestSleep = 0.002;
+
+template <class... Ts> struct Overloaded : Ts... { using Ts::operator()...; };
+
+/// Media time that advances with the steady clock while running.
+class SteadyClock {
+public:
+    double now() const {
+        return running_ ? base_ + std::chrono::duration<double>(Steady::now() - since_).count()
+                        : base_;
+    }
+    void set(double position) {
+        base_ = position;
+        since_ = Steady::now();
+    }
+    void start() {
+        if (!running_)
+            since_ = Steady::now();
+        running_ = true;
+    }
+    void stop() {
+        base_ = now();
+        running_ = false;
+    }
+
+private:
+    double base_ = 0;
+    Steady::time_point since_ = Steady::now();
+    bool running_ = false;
+};
+
+class Playback {
+public:
+    explicit Playback(PlayerItem::Core& core) : core_(core), pool_(FramePool::create()) {}
+    void run();
+
+private:
+    Result<> open();
+    Result<> preroll();
+    Result<> rewind();
+    Result<> fill();
+    void take(Decoded decoded);
+    bool wantsMore() const;
+    void setPlaying(bool playing);
+    double now();
+    void present(double now);
+    void show(const VideoFrame& picture);
+    bool atEnd(double now) const;
+    Steady::time_point nextWake(double now) const;
+
+    PlayerItem::Core& core_;
+    std::shared_ptr<FramePool> pool_;
+    std::unique_ptr<Decoder> decoder_;
+    std::unique_ptr<AudioOutput> audio_;
+    AudioFormat audioFormat_;
+    SteadyClock steady_;
+    std::deque<VideoFrame> pictures_; // decoded, not yet shown, in time order
+    bool playing_ = false;
+    bool endOfStream_ = false;
+    bool heardSound_ = false;
+    double audioEnd_ = 0; // media time at the end of the last sound decoded
+    double mediaEnd_ = 0; // media time at the end of everything decoded
+};
+
+void Playback::run() {
+    Result<> ready = open();
+    if (ready)
+        ready = preroll();
+    if (!ready) {
+        if (!core_.cancelled)
+            core_.fail(ready.error());
+        return;
+    }
+    core_.status = Status::readyToPlay;
+    // Rewinds asked for while opening are moot; a play is still to be done.
+    ItemCommands applied{false, core_.commands().seeks};
+    while (!core_.cancelled) {
+        const ItemCommands wanted = core_.commands();
+        Result<> step;
+        if (wanted.seeks != applied.seeks) {
+            applied.seeks = wanted.seeks;
+            step = rewind();
+        }
+        if (wanted.playing != applied.playing) {
+            applied.playing = wanted.playing;
+            setPlaying(wanted.playing);
+        }
+        std::optional<Steady::time_point> wake;
+        if (step && playing_ && (step = fill())) {
+            const double position = now();
+            present(position);
+            if (atEnd(position)) {
+                setPlaying(false);
+                applied.playing = false;
+                core_.reachEnd();
+                continue;
+            }
+            wake = nextWake(position);
+        }
+        if (!step) {
+            if (!core_.cancelled)
+                core_.fail(step.error());
+            return;
+        }
+        core_.waitForChange(applied, wake);
+    }
+}
+
+Result<> Playback::open() {
+    auto decoder = Decoder::open(core_.url, core_.cancelled);
+    if (!decoder)
+        return std::unexpected(decoder.error());
+    decoder_ = std::move(*decoder);
+    if (decoder_->hasAudio()) {
+        audioFormat_ = decoder_->sourceAudioFormat();
+        // Without an output device the sound is still decoded, for its timing, and dropped.
+        if (auto output = AudioOutput::open(audioFormat_)) {
+            audio_ = std::move(*output);
+            audioFormat_ = audio_->format();
+        }
+        decoder_->setAudioOutput(audioFormat_);
+    }
+    return {};
+}
+
+// Decodes up to the first picture (or the first sound, when there is no picture) and shows it,
+// so that a paused item at its start shows its first frame.
+Result<> Playback::preroll() {
+    while (!endOfStream_ && (decoder_->hasVideo() ? pictures_.empty() : !heardSound_)) {
+        auto decoded = decoder_->next();
+        if (!decoded)
+            return std::unexpected(decoded.error());
+        take(std::move(*decoded));
+    }
+    if (!pictures_.empty()) {
+        show(pictures_.front());
+        pictures_.pop_front();
+    }
+    return {};
+}
+
+Result<> Playback::rewind() {
+    if (auto rewound = decoder_->rewind(); !rewound)
+        return rewound;
+    pictures_.clear();
+    endOfStream_ = false;
+    heardSound_ = false;
+    audioEnd_ = 0;
+    mediaEnd_ = 0;
+    if (audio_)
+        audio_->clear();
+    steady_.set(0);
+    return preroll();
+}
+
+Result<> Playback::fill() {
+    while (!endOfStream_ && wantsMore()) {
+        auto decoded = decoder_->next();
+        if (!decoded)
+            return std::unexpected(decoded.error());
+        take(std::move(*decoded));
+    }
+    return {};
+}
+
+void Playback::take(Decoded decoded) {
+    std::visit(Overloaded{
+                   [this](VideoFrame& picture) {
+                       mediaEnd_ = std::max(mediaEnd_, picture.time + picture.duration);
+                       pictures_.push_back(std::move(picture));
+                   },
+                   [this](AudioChunk& sound) {
+                       heardSound_ = true;
+                       audioEnd_ =
+                           sound.time + sound.samples.size() / audioFormat_.bytesPerSecond();
+                       mediaEnd_ = std::max(mediaEnd_, audioEnd_);
+                       // A device that stops taking sound leaves the rest of the item silent,
+                       // on the steady clock.
+                       if (audio_ && !audio_->enqueue(sound.samples))
+                           audio_.reset();
+                   },
+                   [this](EndOfStream&) { endOfStream_ = true; },
+               },
+               decoded);
+}
+
+bool Playback::wantsMore() const {
+    const double soundLead = audio_ ? audio_->queuedSeconds() : audioEnd_ - steady_.now();
+    if (pictures_.size() >= kMaxPictures || soundLead >= kMaxLead)
+        return false;
+    return (decoder_->hasVideo() && pictures_.size() < kPictureLead) ||
+           (decoder_->hasAudio() && soundLead < kAudioLead);
+}
+
+void Playback::setPlaying(bool playing) {
+    playing_ = playing;
+    if (playing) {
+        steady_.start();
+        if (audio_)
+            audio_->resume();
+    } else {
+        steady_.stop();
+        if (audio_)
+            audio_->pause();
+    }
+}
+
+// The sound's position while the device has sound to play; the steady clock, carried on from
+// there, when it has none (no sound, a gap in it, or after its end).
+double Playback::now() {
+    if (audio_) {
+        if (const double queued = audio_->queuedSeconds(); queued > 0) {
+            steady_.set(audioEnd_ - queued);
+            return audioEnd_ - queued;
+        }
+    }
+    return steady_.now();
+}
+
+void Playback::present(double position) {
+    // Late pictures are skipped unconverted; the last one due is shown.
+    while (pictures_.size() >= 2 && pictures_[1].time <= position)
+        pictures_.pop_front();
+    if (!pictures_.empty() && pictures_.front().time <= position) {
+        show(pictures_.front());
+        pictures_.pop_front();
+    }
+}
+
+void Playback::show(const VideoFrame& picture) {
+    auto buffer = pool_->take(picture.width, picture.height);
+    decoder_->convert(picture, *buffer);
+    core_.frame.store(pool_->share(std::move(buffer)));
+}
+
+bool Playback::atEnd(double position) const {
+    return endOfStream_ && pictures_.empty() && position >= mediaEnd_ &&
+           (!audio_ || audio_->queuedSeconds() <= 0);
+}
+
+Steady::time_point Playback::nextWake(double position) const {
+    double wait = kLongestSleep;
+    if (!pictures_.empty())
+        wait = std::min(wait, pictures_.front().time - position);
+    else if (endOfStream_)
+        wait = std::min(wait, mediaEnd_ - position);
+    wait = std::max(wait, kShortestSleep);
+    return Steady::now() +
+           std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(wait));
+}
+
+} // namespace
+
+void runItem(PlayerItem::Core& core) {
+    Playback(core).run();
+}
+
+} // namespace pelkit::media
