@@ -60,7 +60,7 @@ private:
 /// Plays one item at a time. Sound goes to the default audio device and sets the clock that the
 /// pictures follow; without sound, the pictures follow the steady clock. A player is a video
 /// frame source, so a material or a video sprite shows its pictures: the renderer takes the
-/// latest picture without a lock.
+/// latest picture without a mutex and without waiting on decoding.
 ///
 ///     auto player = std::make_shared<media::Player>();
 ///     player->replaceCurrentItem(media::PlayerItem::create(url));
@@ -96,8 +96,9 @@ public:
     /// The current item's error; null without an item or failure.
     ErrorPtr error() const;
 
-    /// The current item's latest picture, or null before it has one. Lock-free; a new picture is
-    /// a new object, and its pixels return to the item's buffer pool when the last holder lets go.
+    /// The current item's latest picture, or null before it has one. Takes no mutex: a pointer
+    /// copy under a spin lock. A new picture is a new object, and its pixels return to the
+    /// item's buffer pool when the last holder lets go.
     std::shared_ptr<const image::Image> currentFrame() const override;
 
     struct State;

@@ -36,6 +36,10 @@ public:
     void pause();
     void resume();
 
+    /// Frees what SDL keeps for the calling thread (its error text); SDL frees it only for
+    /// threads it started itself. Called by each item's thread on its way out.
+    static void releaseThreadState();
+
 private:
     AudioOutput(std::uint32_t device, AudioFormat format) : device_(device), format_(format) {}
     std::uint32_t device_;

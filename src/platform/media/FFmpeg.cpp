@@ -150,7 +150,10 @@ Result<std::pair<std::string, AVDictionary*>> location(const std::string& url) {
     std::string source;
     if (hasScheme(url, "file://")) {
         // FFmpeg's file protocol takes a plain path and knows no escapes.
-        auto path = percentDecoded(std::string_view(url).substr(7));
+        std::string_view rest = std::string_view(url).substr(7);
+        if (hasScheme(rest, "localhost/"))
+            rest.remove_prefix(9);
+        auto path = percentDecoded(rest);
         if (!path || !path->starts_with('/')) {
             av_dict_free(&options);
             return std::unexpected(mediaError(url, "not a local absolute file URL"));
@@ -173,11 +176,17 @@ struct StreamDecoder {
     AVStream* stream = nullptr;
     CodecHandle codec;
     bool drained = false;
+    double nextTime = 0; // where the next frame starts if it carries no time stamp
 
     explicit operator bool() const { return index >= 0; }
-    double seconds(std::int64_t timestamp) const {
-        const std::int64_t start = stream->start_time == AV_NOPTS_VALUE ? 0 : stream->start_time;
-        return double(timestamp - start) * av_q2d(stream->time_base);
+    /// The frame's start in seconds from the stream's start, and the end of the frame after it.
+    double start(const AVFrame& frame, double duration) {
+        const std::int64_t stamp = frame.best_effort_timestamp;
+        const std::int64_t origin = stream->start_time == AV_NOPTS_VALUE ? 0 : stream->start_time;
+        const double time =
+            stamp == AV_NOPTS_VALUE ? nextTime : double(stamp - origin) * av_q2d(stream->time_base);
+        nextTime = time + duration;
+        return time;
     }
 };
 
@@ -332,7 +341,7 @@ Result<std::optional<Decoded>> Decoder::State::receiveVideo() {
         return std::unexpected(ffmpegError("avcodec_receive_frame", url, r));
     decodedAny = true;
     VideoFrame picture;
-    picture.time = video.seconds(frame->best_effort_timestamp);
+    picture.time = video.start(*frame, frameDuration);
     picture.duration = frameDuration;
     picture.width = frame->width;
     picture.height = frame->height;
@@ -386,7 +395,7 @@ Result<AudioChunk> Decoder::State::resample(const AVFrame& frame) {
     if (converted < 0)
         return std::unexpected(ffmpegError("swr_convert", url, converted));
     AudioChunk chunk;
-    chunk.time = audio.seconds(frame.best_effort_timestamp);
+    chunk.time = audio.start(frame, double(frame.nb_samples) / std::max(frame.sample_rate, 1));
     chunk.samples =
         std::span(samples.data(), std::size_t(converted) * out.channels * sizeof(float));
     return chunk;
@@ -429,6 +438,7 @@ Result<> Decoder::rewind() {
         if (*stream) {
             avcodec_flush_buffers(stream->codec.get());
             stream->drained = false;
+            stream->nextTime = 0;
         }
     }
     s.endOfInput = false;

@@ -1,6 +1,8 @@
 // What an item shares between its owners (the PlayerItem and its player) and its own thread.
 #pragma once
 
+#include "SharedSlot.h"
+
 #include <pelkit/media/Player.h>
 
 #include <atomic>
@@ -29,7 +31,7 @@ struct PlayerItem::Core {
     std::weak_ptr<PlayerItem> item; ///< set at creation; the end notification's object
     std::atomic<bool> cancelled{false};
     std::atomic<Status> status{Status::unknown};
-    std::atomic<std::shared_ptr<const image::Image>> frame;
+    SharedSlot<const image::Image> frame; ///< the latest picture shown
     std::thread thread; ///< touched only by the PlayerItem's creation and destruction
     /// Who is done first: the thread (finished) or the PlayerItem (stopping the thread).
     enum class Exit { running, finished, stopping };

@@ -53,9 +53,13 @@ private:
 class Playback {
 public:
     explicit Playback(PlayerItem::Core& core) : core_(core), pool_(FramePool::create()) {}
+    /// Opens the item, then follows its commands until it is cancelled or fails.
     void run();
 
 private:
+    Result<> follow();
+    Result<> apply(const ItemCommands& wanted);
+    void finish();
     Result<> open();
     Result<> preroll();
     Result<> rewind();
@@ -76,6 +80,7 @@ private:
     AudioFormat audioFormat_;
     SteadyClock steady_;
     std::deque<VideoFrame> pictures_; // decoded, not yet shown, in time order
+    ItemCommands applied_;            // what the thread has done of its commands
     bool playing_ = false;
     bool endOfStream_ = false;
     bool heardSound_ = false;
@@ -84,47 +89,57 @@ private:
 };
 
 void Playback::run() {
-    Result<> ready = open();
-    if (ready)
-        ready = preroll();
-    if (!ready) {
-        if (!core_.cancelled)
-            core_.fail(ready.error());
-        return;
+    Result<> outcome = open();
+    if (outcome)
+        outcome = preroll();
+    if (outcome) {
+        core_.status = Status::readyToPlay;
+        // Rewinds asked for while opening are moot; a play is still to be done.
+        applied_ = {false, core_.commands().seeks};
+        outcome = follow();
     }
-    core_.status = Status::readyToPlay;
-    // Rewinds asked for while opening are moot; a play is still to be done.
-    ItemCommands applied{false, core_.commands().seeks};
+    if (!outcome && !core_.cancelled)
+        core_.fail(outcome.error());
+}
+
+Result<> Playback::follow() {
     while (!core_.cancelled) {
-        const ItemCommands wanted = core_.commands();
-        Result<> step;
-        if (wanted.seeks != applied.seeks) {
-            applied.seeks = wanted.seeks;
-            step = rewind();
-        }
-        if (wanted.playing != applied.playing) {
-            applied.playing = wanted.playing;
-            setPlaying(wanted.playing);
-        }
+        if (auto applied = apply(core_.commands()); !applied)
+            return applied;
         std::optional<Steady::time_point> wake;
-        if (step && playing_ && (step = fill())) {
+        if (playing_) {
+            if (auto filled = fill(); !filled)
+                return filled;
             const double position = now();
             present(position);
             if (atEnd(position)) {
-                setPlaying(false);
-                applied.playing = false;
-                core_.reachEnd();
+                finish();
                 continue;
             }
             wake = nextWake(position);
         }
-        if (!step) {
-            if (!core_.cancelled)
-                core_.fail(step.error());
-            return;
-        }
-        core_.waitForChange(applied, wake);
+        core_.waitForChange(applied_, wake);
     }
+    return {};
+}
+
+Result<> Playback::apply(const ItemCommands& wanted) {
+    if (wanted.seeks != applied_.seeks) {
+        applied_.seeks = wanted.seeks;
+        if (auto rewound = rewind(); !rewound)
+            return rewound;
+    }
+    if (wanted.playing != applied_.playing) {
+        applied_.playing = wanted.playing;
+        setPlaying(wanted.playing);
+    }
+    return {};
+}
+
+void Playback::finish() {
+    setPlaying(false);
+    applied_.playing = false;
+    core_.reachEnd(); // leaves the item's command at "paused" unless an observer plays again
 }
 
 Result<> Playback::open() {
@@ -274,6 +289,7 @@ Steady::time_point Playback::nextWake(double position) const {
 
 void runItem(PlayerItem::Core& core) {
     Playback(core).run();
+    AudioOutput::releaseThreadState();
 }
 
 } // namespace pelkit::media

@@ -2,6 +2,7 @@
 
 #include <pelkit/foundation/NotificationCenter.h>
 
+#include <system_error>
 #include <utility>
 
 namespace pelkit::media {
@@ -131,13 +132,18 @@ PlayerItem::PlayerItem(std::string url) : core_(std::make_shared<Core>(std::move
 std::shared_ptr<PlayerItem> PlayerItem::create(std::string url) {
     std::shared_ptr<PlayerItem> item(new PlayerItem(std::move(url)));
     item->core_->item = item;
-    item->core_->thread = std::thread([core = item->core_]() mutable {
-        runItem(*core);
-        const bool stopping = core->exit.exchange(Core::Exit::finished) == Core::Exit::stopping;
-        core.reset();
-        if (stopping)
-            StoppingThreads::instance().remove();
-    });
+    try {
+        item->core_->thread = std::thread([core = item->core_]() mutable {
+            runItem(*core);
+            const bool stopping = core->exit.exchange(Core::Exit::finished) == Core::Exit::stopping;
+            core.reset();
+            if (stopping)
+                StoppingThreads::instance().remove();
+        });
+    } catch (const std::system_error& error) {
+        item->core_->exit = Core::Exit::finished;
+        item->core_->fail(Error::fromErrorCode("std::thread", error.code()));
+    }
     return item;
 }
 
@@ -149,7 +155,8 @@ PlayerItem::~PlayerItem() {
     if (core_->exit.exchange(Core::Exit::stopping) == Core::Exit::finished)
         StoppingThreads::instance().remove();
     core_->cancel();
-    core_->thread.detach();
+    if (core_->thread.joinable())
+        core_->thread.detach();
 }
 
 const std::string& PlayerItem::url() const {
@@ -171,7 +178,7 @@ struct Player::State {
     std::shared_ptr<PlayerItem> item;
     float rate = 0;
     /// The current item's shared state, for the renderer's lock-free reads.
-    std::atomic<std::shared_ptr<PlayerItem::Core>> shown;
+    SharedSlot<PlayerItem::Core> shown;
 };
 
 Player::Player() : state_(std::make_shared<State>()) {}

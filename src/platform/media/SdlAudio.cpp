@@ -116,6 +116,10 @@ void AudioOutput::resume() {
     SDL_PauseAudioDevice(device_, 0);
 }
 
+void AudioOutput::releaseThreadState() {
+    SDL_TLSCleanup();
+}
+
 // --- AudioSession ---------------------------------------------------------------------------
 
 namespace {
