@@ -29,6 +29,8 @@ TEST(AudioSession, ActivatesForPlaybackOnTheDummyDriver) {
 struct SessionStep {
     const char* name;
     Result<> (*run)(AudioSession&);
+
+    friend void PrintTo(const SessionStep& step, std::ostream* out) { *out << step.name; }
 };
 
 class AudioSessionWithoutDriver : public ::testing::TestWithParam<SessionStep> {};

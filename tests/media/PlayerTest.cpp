@@ -110,6 +110,8 @@ struct EndCase {
     /// Where to look, and what the first and last frames show there; no point for sound only.
     std::optional<Point> probe;
     Rgb first, last;
+
+    friend void PrintTo(const EndCase& c, std::ostream* out) { *out << c.name; }
 };
 
 class PlaysToTheEnd : public PlayerTest, public ::testing::WithParamInterface<EndCase> {};
@@ -227,6 +229,8 @@ struct FailureCase {
     const char* url;
     /// The error's description, with {url} standing for the URL.
     const char* description;
+
+    friend void PrintTo(const FailureCase& c, std::ostream* out) { *out << c.name; }
 };
 
 class FailsReadably : public PlayerTest, public ::testing::WithParamInterface<FailureCase> {};

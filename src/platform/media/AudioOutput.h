@@ -28,6 +28,8 @@ public:
     AudioOutput& operator=(const AudioOutput&) = delete;
 
     AudioFormat format() const { return format_; }
+    /// How much sound the device takes from the queue at a time.
+    double periodSeconds() const { return period_; }
 
     [[nodiscard]] Result<> enqueue(std::span<const std::uint8_t> samples);
     /// How much queued sound the device has still to play.
@@ -41,9 +43,11 @@ public:
     static void releaseThreadState();
 
 private:
-    AudioOutput(std::uint32_t device, AudioFormat format) : device_(device), format_(format) {}
+    AudioOutput(std::uint32_t device, AudioFormat format, double period)
+        : device_(device), format_(format), period_(period) {}
     std::uint32_t device_;
     AudioFormat format_;
+    double period_;
 };
 
 } // namespace pelkit::media

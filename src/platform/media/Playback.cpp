@@ -6,6 +6,7 @@
 #include "ItemCore.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
 
 namespace pelkit::media {
@@ -20,6 +21,9 @@ constexpr std::size_t kMaxPictures = 16; // bound when sound is ahead and pictur
 // Longest sleep while playing: the sound queue is topped up well before it runs dry.
 constexpr double kLongestSleep = 0.05;
 constexpr double kShortestSleep = 0.002;
+// How far the pictures may drift from the sound before they are moved to it: sound more than
+// about 45 ms late against the picture is noticed.
+constexpr double kSyncTolerance = 0.04;
 
 template <class... Ts> struct Overloaded : Ts... { using Ts::operator()...; };
 
@@ -84,8 +88,10 @@ private:
     bool playing_ = false;
     bool endOfStream_ = false;
     bool heardSound_ = false;
-    double audioEnd_ = 0; // media time at the end of the last sound decoded
-    double mediaEnd_ = 0; // media time at the end of everything decoded
+    double audioEnd_ = 0;        // media time at the end of the last sound decoded
+    double mediaEnd_ = 0;        // media time at the end of everything decoded
+    double lastQueued_ = -1;     // the sound queue's length when last seen
+    Steady::time_point takenAt_; // when the device last took from the queue
 };
 
 void Playback::run() {
@@ -185,6 +191,7 @@ Result<> Playback::rewind() {
     mediaEnd_ = 0;
     if (audio_)
         audio_->clear();
+    lastQueued_ = -1;
     steady_.set(0);
     return preroll();
 }
@@ -241,13 +248,26 @@ void Playback::setPlaying(bool playing) {
     }
 }
 
-// The sound's position while the device has sound to play; the steady clock, carried on from
-// there, when it has none (no sound, a gap in it, or after its end).
+// While sound plays, the clock follows the sound's position: the device takes a period from the
+// queue and plays it over the period's length, so the position is a period behind the queue's
+// head at a take and runs on until the next. Takes come irregularly (a loaded machine delays
+// the device's thread), so the steady clock keeps the pace and is moved to the sound only when
+// the two drift apart by more than lip sync tolerates. Without sound to play (none, a gap, after
+// its end, or paused), the steady clock carries on alone.
 double Playback::now() {
-    if (audio_) {
+    if (audio_ && playing_) {
         if (const double queued = audio_->queuedSeconds(); queued > 0) {
-            steady_.set(audioEnd_ - queued);
-            return audioEnd_ - queued;
+            const auto time = Steady::now();
+            if (queued != lastQueued_) {
+                lastQueued_ = queued;
+                takenAt_ = time;
+            }
+            const double period = audio_->periodSeconds();
+            const double sinceTake =
+                std::min(std::chrono::duration<double>(time - takenAt_).count(), period);
+            const double sound = audioEnd_ - queued - period + sinceTake;
+            if (std::abs(sound - steady_.now()) > kSyncTolerance)
+                steady_.set(sound);
         }
     }
     return steady_.now();

@@ -56,8 +56,14 @@ private:
     bool started_ = true;
 };
 
+struct OpenDevice {
+    SDL_AudioDeviceID id = 0;
+    AudioFormat format;
+    double period = 0;
+};
+
 /// Opens the default device for interleaved float samples, near `wanted`. Locks are the caller's.
-Result<std::pair<SDL_AudioDeviceID, AudioFormat>> openDevice(AudioFormat wanted) {
+Result<OpenDevice> openDevice(AudioFormat wanted) {
     SDL_AudioSpec desired{};
     desired.freq = wanted.sampleRate > 0 ? wanted.sampleRate : 48000;
     desired.format = AUDIO_F32SYS;
@@ -69,7 +75,9 @@ Result<std::pair<SDL_AudioDeviceID, AudioFormat>> openDevice(AudioFormat wanted)
                             SDL_AUDIO_ALLOW_FREQUENCY_CHANGE | SDL_AUDIO_ALLOW_CHANNELS_CHANGE);
     if (device == 0)
         return std::unexpected(sdlError("SDL_OpenAudioDevice"));
-    return std::pair{device, AudioFormat{obtained.freq, obtained.channels}};
+    return OpenDevice{device,
+                      {obtained.freq, obtained.channels},
+                      double(obtained.samples) / std::max(obtained.freq, 1)};
 }
 
 } // namespace
@@ -85,7 +93,8 @@ Result<std::unique_ptr<AudioOutput>> AudioOutput::open(AudioFormat wanted) {
     if (!device)
         return std::unexpected(device.error());
     subsystem->handOver(); // the output stops it when it closes
-    return std::unique_ptr<AudioOutput>(new AudioOutput(device->first, device->second));
+    return std::unique_ptr<AudioOutput>(
+        new AudioOutput(device->id, device->format, device->period));
 }
 
 AudioOutput::~AudioOutput() {
@@ -165,7 +174,7 @@ Result<> AudioSession::setActive(bool active) {
     auto device = openDevice({});
     if (!device)
         return std::unexpected(device.error());
-    SDL_CloseAudioDevice(device->first);
+    SDL_CloseAudioDevice(device->id);
     state.active.emplace(std::move(*subsystem));
     return {};
 }
