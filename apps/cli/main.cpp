@@ -1,6 +1,9 @@
 // pelkit: the command line of PELkit. `pelkit sync` runs one synchronisation of a project and
-// `pelkit show` prints the stored project. See `pelkit --help`.
+// `pelkit show` prints the stored project. See `pelkit --help`. A command is a function that adds
+// the subcommand with its options and returns what runs it.
 #include "Progress.h"
+
+#include "common/CommandLine.h"
 
 #include <pelkit/PELProject.h>
 #include <pelkit/PELStorage.h>
@@ -12,91 +15,76 @@
 #include <pelkit/image/Image.h>
 #include <pelkit/net/Url.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 using namespace pelkit;
 
-constexpr const char* kUsage = R"(usage: pelkit <command> [options]
+constexpr const char* documentsFooter = R"(
+The documents directory holding the projects is, without --documents, $PELKIT_DOCUMENTS_DIR,
+else $XDG_DATA_HOME/pelkit/Documents, else ~/.local/share/pelkit/Documents.)";
 
-Commands:
-  sync   --server URL --app-key KEY [--documents DIR] [--events]
-         Runs one synchronisation of the project of KEY with the server at URL (scheme and
-         host, no trailing slash): fetches the configuration, stores it, brings the target
-         images up to date and remembers the revision. Exits 0 on updateCompleted or
-         alreadyUpToDate, 1 on updateFailed (the error is printed on stderr).
-         On a terminal, a progress bar (or, without progress, a live line with the elapsed
-         time) is drawn on stderr.
-         --events prints every status on stdout, one per line, case name first, then the
-         payload in parentheses:
-           updateStarted(firstTime: true)     downloadProgress(percentage: 0.25)
-           downloadStarted                    downloadCompleted
-           updateCompleted                    alreadyUpToDate
-           updateFailed(error: networkError(<underlying error>))
-         A progress percentage is a fraction of 1; it is negative when the server announced
-         no size (its magnitude is then the number of bytes received).
+constexpr const char* syncFooter = R"(
+Fetches the configuration, stores it, brings the target images up to date and remembers the
+revision. Exits 0 on updateCompleted or alreadyUpToDate, 1 on updateFailed (the error is
+printed on stderr). On a terminal, a progress bar (or, without progress, a live line with the
+elapsed time) is drawn on stderr.
 
-  show   --app-key KEY [--documents DIR]
-         Prints the stored project: revision, targets with their image files on disk and
-         pixel size, and content items with type, position and size.
-
-Options:
-  --documents DIR   the documents directory holding the projects (default:
-                    $PELKIT_DOCUMENTS_DIR, else $XDG_DATA_HOME/pelkit/Documents, else
-                    ~/.local/share/pelkit/Documents)
-  -h, --help        this text
+--events prints every status on stdout, one per line, case name first, then the payload in
+parentheses:
+  updateStarted(firstTime: true)     downloadProgress(percentage: 0.25)
+  downloadStarted                    downloadCompleted
+  updateCompleted                    alreadyUpToDate
+  updateFailed(error: networkError(<underlying error>))
+A progress percentage is a fraction of 1; it is negative when the server announced no size
+(its magnitude is then the number of bytes received).
 )";
 
-struct Arguments {
-    std::string command;
-    std::map<std::string, std::string> values;
-    bool events = false;
-    bool help = false;
+/// A subcommand: where the command line names it, and what runs it once its options are read
+/// (giving the program's exit status).
+struct Command {
+    const CLI::App* app;
+    std::function<int()> run;
 };
 
-[[noreturn]] void usageError(const std::string& message) {
-    std::cerr << "pelkit: " << message << "\n\n" << kUsage;
-    std::exit(2);
+void addAppKey(CLI::App& command, std::string& appKey) {
+    command.add_option("--app-key", appKey, "the app key of the project")
+        ->required()
+        ->type_name("KEY")
+        ->check(apps::notEmpty());
 }
 
-Arguments parse(int argc, char** argv) {
-    Arguments arguments;
-    std::vector<std::string> words(argv + 1, argv + argc);
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        const std::string& word = words[i];
-        if (word == "-h" || word == "--help") {
-            arguments.help = true;
-        } else if (word == "--events") {
-            arguments.events = true;
-        } else if (word == "--server" || word == "--app-key" || word == "--documents") {
-            if (i + 1 >= words.size())
-                usageError(word + " needs a value");
-            arguments.values[word] = words[++i];
-        } else if (word.starts_with("-")) {
-            usageError("unknown option " + word);
-        } else if (arguments.command.empty()) {
-            arguments.command = word;
-        } else {
-            usageError("unexpected argument " + word);
-        }
-    }
-    return arguments;
+// The framework finds the documents directory in the environment.
+void addDocuments(CLI::App& command) {
+    command
+        .add_option_function<std::string>(
+            "--documents",
+            [](const std::string& directory) {
+                ::setenv("PELKIT_DOCUMENTS_DIR", directory.c_str(), 1);
+            },
+            "the documents directory holding the projects (default below)")
+        ->type_name("DIR");
 }
 
-std::string required(const Arguments& arguments, const std::string& option) {
-    auto found = arguments.values.find(option);
-    if (found == arguments.values.end() || found->second.empty())
-        usageError(arguments.command + " needs " + option);
-    return found->second;
+/// The framework treats an unusable server address as a programming error; refuse it here.
+CLI::Validator serverAddress() {
+    return CLI::Validator(
+        [](std::string& server) {
+            const bool http = server.starts_with("http://") || server.starts_with("https://");
+            return http && net::Url::parse(server + "/configuration")
+                       ? std::string()
+                       : "must be an http:// or https:// address, e.g. http://127.0.0.1:8080";
+        },
+        "");
 }
 
 // Receives the statuses of the run on whichever thread sends them, and ends the main loop on the
@@ -145,19 +133,18 @@ private:
     std::optional<PELStatus> end_;
 };
 
-int runSync(const Arguments& arguments) {
-    std::string server = required(arguments, "--server");
-    std::string appKey = required(arguments, "--app-key");
-    // The framework treats an unusable server address as a programming error; catch it here.
-    if ((!server.starts_with("http://") && !server.starts_with("https://")) ||
-        !net::Url::parse(server + "/configuration"))
-        usageError("--server must be an http:// or https:// address, e.g. http://127.0.0.1:8080");
+struct SyncOptions {
+    std::string server;
+    std::string appKey;
+    bool events = false;
+};
 
+int runSync(const SyncOptions& options) {
     Progress progress(isatty(STDERR_FILENO) != 0);
     // Framework diagnostics go to stdout, above the live progress line.
     setLineSink([&progress](std::string_view line) { progress.printAbove(line); });
-    auto delegate = std::make_shared<CommandLineDelegate>(arguments.events, progress);
-    auto supervisor = PELSyncSupervisor::create(server, appKey, delegate);
+    auto delegate = std::make_shared<CommandLineDelegate>(options.events, progress);
+    auto supervisor = PELSyncSupervisor::create(options.server, options.appKey, delegate);
     DispatchQueue::main().async([&] { supervisor->startSync(true); });
     progress.start();
     runMainLoop();
@@ -167,12 +154,12 @@ int runSync(const Arguments& arguments) {
     auto end = delegate->end();
     switch (end->which()) {
     case PELStatus::Case::updateCompleted:
-        std::cerr << "pelkit: project " << appKeyPrefix(appKey) << " updated in "
+        std::cerr << "pelkit: project " << appKeyPrefix(options.appKey) << " updated in "
                   << supervisor->storage().getConfigurationFilePath().parent_path().string()
                   << "\n";
         return 0;
     case PELStatus::Case::alreadyUpToDate:
-        std::cerr << "pelkit: project " << appKeyPrefix(appKey) << " is already up to date\n";
+        std::cerr << "pelkit: project " << appKeyPrefix(options.appKey) << " is already up to date\n";
         return 0;
     default:
         std::cerr << "pelkit: sync failed: " << end->error().description() << "\n";
@@ -180,14 +167,36 @@ int runSync(const Arguments& arguments) {
     }
 }
 
-std::string describeImage(const std::filesystem::path& path) {
-    auto bytes = readFile(path);
+Command addSync(CLI::App& pelkit) {
+    auto* command = pelkit.add_subcommand("sync", "Runs one synchronisation of a project.");
+    command->footer(std::string(syncFooter) + documentsFooter);
+    auto options = std::make_shared<SyncOptions>();
+    command
+        ->add_option("--server", options->server, "the server: scheme and host, no trailing slash")
+        ->required()
+        ->type_name("URL")
+        ->check(serverAddress());
+    addAppKey(*command, options->appKey);
+    addDocuments(*command);
+    command->add_flag("--events", options->events, "print every status on stdout");
+    return {command, [options] { return runSync(*options); }};
+}
+
+/// A target's image file and what it holds; a name that would leave the project directory, and
+/// anything but a regular file of reasonable size, is refused unread.
+std::string describeImage(const PELStorage& storage, const std::string& name) {
+    auto path = storage.getTargetImagePath(name);
+    if (!path)
+        return "refused (" + path.error()->description() + ")";
+    auto bytes = readTargetImage(*path);
     if (!bytes)
-        return "missing";
+        return path->string() + " (" +
+               (bytes.error()->code() == ENOENT ? "missing" : bytes.error()->description()) + ")";
     auto image = image::decode(*bytes);
     if (!image)
-        return "not an image (" + std::to_string(bytes->size()) + " bytes)";
-    return std::to_string(image->width) + "x" + std::to_string(image->height) + " px";
+        return path->string() + " (not an image (" + std::to_string(bytes->size()) + " bytes))";
+    return path->string() + " (" + std::to_string(image->width) + "x" +
+           std::to_string(image->height) + " px)";
 }
 
 std::string number(double value) {
@@ -196,8 +205,33 @@ std::string number(double value) {
     return out.str();
 }
 
-int runShow(const Arguments& arguments) {
-    std::string appKey = required(arguments, "--app-key");
+void printTarget(const PELStorage& storage, const PELTarget& target) {
+    std::cout << "  target " << target.id << " \"" << target.name << "\"\n"
+              << "    image: " << describeImage(storage, target.name) << "\n"
+              << "    physical width: " << number(target.physicalWidth) << " m";
+    if (target.targetWidth && target.targetHeight)
+        std::cout << ", authored size: " << number(*target.targetWidth) << "x"
+                  << number(*target.targetHeight) << " px";
+    std::cout << "\n";
+    for (const auto& item : target.items) {
+        std::cout << "    item " << item.id << ": " << item.type << " at (" << number(item.x)
+                  << ", " << number(item.y) << ") size " << number(item.width) << "x"
+                  << number(item.height);
+        if (item.isFullscreen)
+            std::cout << ", full screen";
+        if (item.url)
+            std::cout << ", url " << item.url->absoluteString();
+        if (item.linkToOpenOnClick)
+            std::cout << ", opens " << *item.linkToOpenOnClick;
+        std::cout << "\n";
+    }
+}
+
+int runShow(const std::string& appKey) {
+    if (auto usable = checkAppKeyPrefix(appKey); !usable) {
+        std::cerr << "pelkit: " << usable.error()->description() << "\n";
+        return 1;
+    }
     PELStorage storage(appKey);
     auto path = storage.getConfigurationFilePath();
     auto bytes = readFile(path);
@@ -212,46 +246,37 @@ int runShow(const Arguments& arguments) {
               << "  revision: " << project->lastUpdated
               << " (remembered: " << remembered.value_or("none") << ")\n"
               << "  targets: " << project->targets.size() << "\n";
-    for (const auto& target : project->targets) {
-        std::cout << "  target " << target.id << " \"" << target.name << "\"\n"
-                  << "    image: " << (path.parent_path() / target.name).string() << " ("
-                  << describeImage(path.parent_path() / target.name) << ")\n"
-                  << "    physical width: " << number(target.physicalWidth) << " m";
-        if (target.targetWidth && target.targetHeight)
-            std::cout << ", authored size: " << number(*target.targetWidth) << "x"
-                      << number(*target.targetHeight) << " px";
-        std::cout << "\n";
-        for (const auto& item : target.items) {
-            std::cout << "    item " << item.id << ": " << item.type << " at (" << number(item.x)
-                      << ", " << number(item.y) << ") size " << number(item.width) << "x"
-                      << number(item.height);
-            if (item.isFullscreen)
-                std::cout << ", full screen";
-            if (item.url)
-                std::cout << ", url " << item.url->absoluteString();
-            if (item.linkToOpenOnClick)
-                std::cout << ", opens " << *item.linkToOpenOnClick;
-            std::cout << "\n";
-        }
-    }
+    for (const auto& target : project->targets)
+        printTarget(storage, target);
     return 0;
+}
+
+Command addShow(CLI::App& pelkit) {
+    auto* command = pelkit.add_subcommand(
+        "show", "Prints the stored project: revision, targets and content items.");
+    command->footer(std::string(R"(
+Lists each target with its image file on disk and its pixel size, and each content item with
+its type, position and size.
+)") + documentsFooter);
+    auto appKey = std::make_shared<std::string>();
+    addAppKey(*command, *appKey);
+    addDocuments(*command);
+    return {command, [appKey] { return runShow(*appKey); }};
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    Arguments arguments = parse(argc, argv);
-    if (arguments.help) {
-        std::cout << kUsage;
-        return 0;
+    CLI::App pelkit("The command line of PELkit. Run 'pelkit COMMAND --help' for a command's "
+                    "options.",
+                    "pelkit");
+    pelkit.require_subcommand(1);
+    const Command commands[] = {addSync(pelkit), addShow(pelkit)};
+    if (const auto status = apps::parseMain(pelkit, argc, argv))
+        return *status;
+    for (const auto& command : commands) {
+        if (command.app->parsed())
+            return command.run();
     }
-    if (arguments.command.empty())
-        usageError("a command is needed");
-    if (auto documents = arguments.values.find("--documents"); documents != arguments.values.end())
-        ::setenv("PELKIT_DOCUMENTS_DIR", documents->second.c_str(), 1);
-    if (arguments.command == "sync")
-        return runSync(arguments);
-    if (arguments.command == "show")
-        return runShow(arguments);
-    usageError("unknown command " + arguments.command);
+    return apps::badArgumentsStatus; // not reached: parsing requires one command
 }

@@ -1,29 +1,22 @@
-// The command line of pelkit-devserver. Pure functions; any thread.
+// The command line of pelkit-devserver. Any thread.
 #pragma once
 
 #include "devserver/DevServer.h"
 
-#include <expected>
-#include <span>
-#include <string>
-#include <string_view>
+#include <CLI/CLI.hpp>
+
+#include <memory>
 
 namespace pelkit::devserver {
 
-/// What the command line asks for: the help text, or serving with these options.
-struct Command {
-    enum class Action { Serve, Help };
-    Action action = Action::Serve;
-    DevServerOptions options;
-};
-
-/// Reads the arguments after the program name. On failure, the one-line reason
-/// ("unknown option: --colour", "--port needs a number from 0 to 65535, got: x").
-std::expected<Command, std::string> parseCommandLine(std::span<const std::string_view> arguments);
-
-/// The one-line synopsis shown after a bad argument.
-std::string usageText();
-/// The full --help text: the folder layout, the endpoints and every option.
-std::string helpText();
+/// Describes pelkit-devserver's options, its help and its checks; reading a command line with
+/// apps::parse() or apps::parseMain() fills `options`, which must outlive the App:
+///
+///     DevServerOptions options;
+///     const auto app = commandLine(options);
+///     if (auto status = apps::parseMain(*app, argc, argv))
+///         return *status;
+///     DevServer server(options);
+std::unique_ptr<CLI::App> commandLine(DevServerOptions& options);
 
 } // namespace pelkit::devserver

@@ -3,6 +3,7 @@
 #include <pelkit/foundation/Bytes.h>
 #include <pelkit/foundation/FileSystem.h>
 #include <pelkit/foundation/Log.h>
+#include <pelkit/foundation/Text.h>
 #include <pelkit/zip/ZipWriter.h>
 
 #include <httplib.h>
@@ -89,19 +90,13 @@ std::vector<fs::directory_entry> visibleFiles(const fs::path& directory) {
     return files;
 }
 
-std::string lowerCase(std::string text) {
-    std::ranges::transform(text, text.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 std::string contentType(const fs::path& file) {
     static const std::map<std::string, std::string, std::less<>> types{
         {".jpg", "image/jpeg"},       {".jpeg", "image/jpeg"}, {".png", "image/png"},
         {".gif", "image/gif"},        {".mp4", "video/mp4"},   {".m4v", "video/mp4"},
         {".m4a", "audio/mp4"},        {".mp3", "audio/mpeg"},  {".wav", "audio/wav"},
         {".json", "application/json"}};
-    const auto found = types.find(lowerCase(file.extension().string()));
+    const auto found = types.find(asciiLowercase(file.extension().string()));
     return found == types.end() ? "application/octet-stream" : found->second;
 }
 
@@ -208,7 +203,7 @@ void DevServer::State::routes() {
         LoggedRequest entry{request.method, request.path, {}};
         for (const auto& [name, value] : request.headers) {
             if (!isConnectionDetail(name))
-                entry.headers.emplace(lowerCase(name), value);
+                entry.headers.emplace(asciiLowercase(name), value);
         }
         std::lock_guard lock(mutex);
         log.push_back(std::move(entry));

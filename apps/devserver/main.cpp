@@ -1,4 +1,5 @@
 // pelkit-devserver: serves a project folder until interrupted. See --help.
+#include "common/CommandLine.h"
 #include "devserver/CommandLine.h"
 
 #include <pelkit/foundation/Log.h>
@@ -6,21 +7,13 @@
 #include <csignal>
 #include <iostream>
 #include <pthread.h>
-#include <string_view>
-#include <vector>
 
 int main(int argc, char** argv) {
     using namespace pelkit::devserver;
-    const std::vector<std::string_view> arguments(argv + 1, argv + argc);
-    const auto command = parseCommandLine(arguments);
-    if (!command) {
-        std::cerr << "pelkit-devserver: " << command.error() << "\n" << usageText();
-        return 2;
-    }
-    if (command->action == Command::Action::Help) {
-        std::cout << helpText();
-        return 0;
-    }
+    DevServerOptions options;
+    const auto app = commandLine(options);
+    if (const auto status = pelkit::apps::parseMain(*app, argc, argv))
+        return *status;
 
     // Blocked before the server's threads exist, so they inherit the mask and the signals wait
     // for sigwait below instead of killing the process mid-answer.
@@ -31,7 +24,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // A client hanging up is the server's business, not fatal.
 
-    DevServer server(command->options);
+    DevServer server(options);
     const auto port = server.start();
     if (!port) {
         std::cerr << "pelkit-devserver: " << port.error()->description() << "\n";

@@ -1,10 +1,12 @@
 // Times the green-screen path of the renderer on 1280x720 frames: each frame a new video frame is
 // uploaded, the keyed plane is drawn over a camera image filling the view, and the picture is
 // read back. A memcpy of one frame, timed in the same run, is the baseline the figures are set
-// against.
+// against; the same frames keyed by the CPU keyer and drawn by a plain material show what keying
+// on the CPU instead of in the shader would save.
 //
 //     chroma_gl_bench [frames]      # default 200; LP_NUM_THREADS sets llvmpipe's threads
-#include <pelkit/ChromaKey.h>
+#include "ChromaKeyer.h"
+
 #include <pelkit/ChromaKeyMaterial.h>
 #include <pelkit/render/Renderer.h>
 #include <pelkit/scene/Geometry.h>
@@ -78,6 +80,10 @@ public:
         std::lock_guard lock(mutex_);
         return current_;
     }
+    void publish(std::shared_ptr<const image::Image> frame) {
+        std::lock_guard lock(mutex_);
+        current_ = std::move(frame);
+    }
     void advance() {
         // A new owner for a prepared picture: to the renderer's cache a frame it has not seen,
         // without copying pixels here.
@@ -123,73 +129,110 @@ void fail(const char* what, const Error& error) {
     std::exit(1);
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    const int frames = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
-    auto created = render::Renderer::createOffscreen({width, height});
-    if (!created)
-        fail("creating the renderer", *created.error());
-    auto& renderer = *created;
-
-    auto playback = std::make_shared<Playback>();
-    playback->advance();
-    auto material = ChromaKeyMaterial::create({0, 1, 0, 1}, greenScreenThresholdSensitivity,
-                                              greenScreenSmoothing);
-    material->setDiffuseContents(std::shared_ptr<scene::VideoFrameSource>(playback));
-    auto plane = scene::Plane::create(width, height);
-    plane->setMaterials({material});
-    auto node = scene::Node::create();
-    node->setGeometry(plane);
-
-    render::Frame frame;
-    frame.background = std::make_shared<const image::Image>(cameraImage());
-    frame.scene = node;
-    frame.camera.viewportSize = {width, height};
-    frame.camera.projection =
-        glm::ortho(-width / 2.0f, width / 2.0f, -height / 2.0f, height / 2.0f, -1.0f, 1.0f);
-
-    image::Image picture;
-    auto draw = [&] {
-        if (auto drawn = renderer->render(frame); !drawn)
-            fail("drawing", *drawn.error());
-    };
-    auto readBack = [&] {
-        if (auto read = renderer->snapshot(picture); !read)
-            fail("reading back", *read.error());
-    };
-
+Timing timeMemcpy(int frames) {
     const image::Image source = greenScreenFrame(0);
     std::vector<std::uint8_t> target(source.rgba.size());
-    const Timing copy = time(frames, [&] {
+    return time(frames, [&] {
         std::memcpy(target.data(), source.rgba.data(), target.size());
         // Keeps the copy from being optimised away.
         target[static_cast<std::size_t>(target[0]) % target.size()] ^= 1;
     });
+}
 
-    const auto uploadsBefore = renderer->statistics().textureUploads;
-    const Timing full = time(frames, [&] {
+// The keyed plane filling the view over a camera image, drawn by one renderer.
+class Bench {
+public:
+    Bench() {
+        auto created = render::Renderer::createOffscreen({width, height});
+        if (!created)
+            fail("creating the renderer", *created.error());
+        renderer = std::move(*created);
+        playback->advance();
+        material->setDiffuseContents(std::shared_ptr<scene::VideoFrameSource>(playback));
+        plane->setMaterials({material});
+        auto node = scene::Node::create();
+        node->setGeometry(plane);
+        frame.background = std::make_shared<const image::Image>(cameraImage());
+        frame.scene = node;
+        frame.camera.viewportSize = {width, height};
+        frame.camera.projection =
+            glm::ortho(-width / 2.0f, width / 2.0f, -height / 2.0f, height / 2.0f, -1.0f, 1.0f);
+    }
+    void draw() {
+        if (auto drawn = renderer->render(frame); !drawn)
+            fail("drawing", *drawn.error());
+    }
+    void readBack() {
+        if (auto read = renderer->snapshot(picture); !read)
+            fail("reading back", *read.error());
+    }
+    void showNewFrame() {
         playback->advance();
         draw();
         readBack();
-    });
-    const auto uploads = renderer->statistics().textureUploads - uploadsBefore;
+    }
+
+    // The same frames keyed by the CPU keyer before upload and drawn by a plain material whose
+    // texture carries the alpha: what keying on the CPU would cost in place of the shader. (It
+    // is the shader's picture only where the plane shows its texture texel for pixel, as here:
+    // elsewhere the shader keys each filtered fragment, this path filters keyed texels.)
+    std::pair<Timing, Timing> timeCpuKeying(int frames) {
+        std::vector<image::Image> keyed;
+        for (int i = 0; i < 4; ++i)
+            keyed.push_back(greenScreenFrame(i * 7));
+        std::size_t next = 0;
+        auto keyNext = [&]() -> image::Image& {
+            image::Image& image = keyed[next++ % keyed.size()];
+            bench::chromaKeyFrame(image.rgba, greenScreenThresholdSensitivity,
+                                  greenScreenSmoothing);
+            return image;
+        };
+        auto source = std::make_shared<Playback>();
+        auto plain = scene::Material::create();
+        plain->setDiffuseContents(std::shared_ptr<scene::VideoFrameSource>(source));
+        plane->setMaterials({plain});
+        const Timing whole = time(frames, [&] {
+            source->publish(std::shared_ptr<const image::Image>(&keyNext(), [](auto*) {}));
+            draw();
+            readBack();
+        });
+        plane->setMaterials({material});
+        return {whole, time(frames, keyNext)};
+    }
+
+    std::unique_ptr<render::Renderer> renderer;
+    render::Frame frame;
+
+private:
+    std::shared_ptr<Playback> playback = std::make_shared<Playback>();
+    std::shared_ptr<ChromaKeyMaterial> material = ChromaKeyMaterial::create(
+        {0, 1, 0, 1}, greenScreenThresholdSensitivity, greenScreenSmoothing);
+    std::shared_ptr<scene::Plane> plane = scene::Plane::create(width, height);
+    image::Image picture;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const int frames = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
+    Bench bench;
+    const Timing copy = timeMemcpy(frames);
+    const auto uploadsBefore = bench.renderer->statistics().textureUploads;
+    const Timing full = time(frames, [&] { bench.showNewFrame(); });
+    const auto uploads = bench.renderer->statistics().textureUploads - uploadsBefore;
     const Timing still = time(frames, [&] {
-        draw();
-        readBack();
+        bench.draw();
+        bench.readBack();
     });
-    const Timing drawOnly = time(frames, draw);
-    const Timing readOnly = time(frames, readBack);
-    frame.background = nullptr;
-    const Timing noBackground = time(frames, [&] {
-        playback->advance();
-        draw();
-        readBack();
-    });
+    const Timing drawOnly = time(frames, [&] { bench.draw(); });
+    const Timing readOnly = time(frames, [&] { bench.readBack(); });
+    const auto [cpuKeyed, keyerOnly] = bench.timeCpuKeying(frames);
+    bench.frame.background = nullptr;
+    const Timing noBackground = time(frames, [&] { bench.showNewFrame(); });
 
     const char* threads = std::getenv("LP_NUM_THREADS");
     std::printf("chroma_gl_bench: %dx%d keyed plane, %d frames, on %s (LP_NUM_THREADS %s)\n", width,
-                height, frames, renderer->deviceName().c_str(),
+                height, frames, bench.renderer->deviceName().c_str(),
                 threads ? threads : "unset: Mesa's default");
     std::printf("%-46s %9s %9s %12s\n", "", "median ms", "mean ms", "x memcpy");
     auto row = [&](const char* name, Timing t) {
@@ -202,6 +245,8 @@ int main(int argc, char** argv) {
     row("unchanged frame: draw + read back", still);
     row("unchanged frame: draw only", drawOnly);
     row("read back only", readOnly);
+    row("new frame keyed on the CPU, drawn plain", cpuKeyed);
+    row("  the CPU keyer alone", keyerOnly);
     std::printf("texture uploads per new frame: %.2f\n",
                 static_cast<double>(uploads) / (frames + warmUp));
     return 0;

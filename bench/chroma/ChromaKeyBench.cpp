@@ -7,7 +7,7 @@
 // Two memory situations are timed: one frame keyed over and over (it stays in the last-level
 // cache, the hardest case for the keyer relative to memcpy), and a stream of frames larger than
 // any cache (each frame comes from main memory, as decoded video does).
-#include <pelkit/ChromaKey.h>
+#include "ChromaKeyer.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -33,6 +33,7 @@ extern char** environ;
 namespace {
 
 using namespace pelkit;
+using namespace pelkit::bench;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
@@ -264,8 +265,6 @@ int main() {
     } else {
         std::printf("%-34s %14s %14s\n", "ffmpeg", "", "(not run)");
     }
-    // The GL path (the keying shader drawn offscreen by the render module and read back) adds
-    // its rows here, timed on the same frames.
 
     const double keyerHot = hot.keyerMs.front().second;
     const double keyerCold = cold.keyerMs.front().second;

@@ -1,10 +1,7 @@
-// The chroma-key rule of the green-screen material: which pixels of a video are keyed out, and a
-// fast keyer that applies the rule to whole RGBA8 frames on the CPU. Any thread; the functions
-// keep no state, so they are thread-safe.
+// The chroma-key rule of the green-screen material: which pixels of a video are keyed out. The
+// material's shader applies it per fragment; these functions give it per colour. Any thread; the
+// functions keep no state, so they are thread-safe.
 #pragma once
-
-#include <cstdint>
-#include <span>
 
 namespace pelkit {
 
@@ -48,32 +45,5 @@ float chromaKeyDistance(KeyColor color) noexcept;
 ///
 ///     chromaKeyOpacity({0.0f, 0.5f, 0.0f}, 0.5f, 0.001f);   // dark green: 0
 float chromaKeyOpacity(KeyColor color, float thresholdSensitivity, float smoothing) noexcept;
-
-/// An opacity in 0...1 as an 8-bit alpha, rounded to nearest; NaN counts as 0.
-std::uint8_t alphaOf(float opacity) noexcept;
-
-/// The versions of the frame keyer, one per instruction set.
-enum class ChromaKeyKernel { portable, avx2, avx512 };
-
-/// The kernel `chromaKeyFrame` uses on this processor: the widest it supports.
-ChromaKeyKernel bestChromaKeyKernel() noexcept;
-/// "portable", "avx2" or "avx512", for reports.
-const char* chromaKeyKernelName(ChromaKeyKernel kernel) noexcept;
-
-/// Whether this processor can run `kernel`.
-bool supportsChromaKeyKernel(ChromaKeyKernel kernel) noexcept;
-
-/// Keys a frame in place: sets the alpha byte of every RGBA8 pixel to `alphaOf` the opacity of
-/// its colour (channel value v read as v / 255.0f), leaving red, green and blue as they are. The
-/// result is what keying each pixel with `chromaKeyOpacity` gives. `rgba.size()` must be a
-/// multiple of 4.
-///
-///     chromaKeyFrame(frame.rgba, greenScreenThresholdSensitivity, greenScreenSmoothing);
-void chromaKeyFrame(std::span<std::uint8_t> rgba, float thresholdSensitivity,
-                    float smoothing) noexcept;
-
-/// The same with a chosen kernel, which the processor must support (for tests and benchmarks).
-void chromaKeyFrame(std::span<std::uint8_t> rgba, float thresholdSensitivity, float smoothing,
-                    ChromaKeyKernel kernel) noexcept;
 
 } // namespace pelkit

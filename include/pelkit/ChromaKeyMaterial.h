@@ -49,16 +49,12 @@ public:
     void setSmoothing(float value);
     void modifySmoothing(const std::function<void(float&)>& change);
 
-protected:
-    ChromaKeyMaterial(scene::Color backgroundColor, float thresholdSensitivity, float smoothing);
-
-    /// Binds a property's value for the shader after a write; subclasses may watch the pushes.
-    virtual void pushValue(std::string_view key, scene::ShaderValue value);
+    ~ChromaKeyMaterial() override;
 
 private:
-    scene::Color backgroundColor_;
-    float thresholdSensitivity_;
-    float smoothing_;
+    ChromaKeyMaterial(scene::Color backgroundColor, float thresholdSensitivity, float smoothing);
+    struct State;
+    std::unique_ptr<State> state_;
 };
 
 } // namespace pelkit

@@ -77,6 +77,7 @@ private:
     std::shared_ptr<PELStatusDelegate> delegate_;
     std::string host_;
     std::string appKey_;
+    // The download in flight; read and written only on the gateway session's delegate queue.
     DownloadCompletion downloadCompletion_;
     std::optional<std::filesystem::path> downloadDestination_;
 };

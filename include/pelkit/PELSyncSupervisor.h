@@ -18,6 +18,8 @@ namespace pelkit {
 /// One run: fetch the configuration, check that it decodes, store it, bring the target images up
 /// to date, remember the project's revision ("lastUpdated" + the app-key prefix in the user
 /// defaults) and end with exactly one of `updateCompleted`, `alreadyUpToDate` or `updateFailed`.
+/// A revision that could not be sent back in the "lastupdated" header (a line break, kilobytes of
+/// text) is not remembered, with a diagnostic line saying so.
 ///
 ///     auto supervisor = PELSyncSupervisor::create("http://127.0.0.1:8080", appKey, delegate);
 ///     supervisor->startSync(true);   // updateStarted(firstTime: true), downloadStarted, ...
@@ -33,6 +35,8 @@ public:
 
     /// Starts a run; `isFirstTime` is only passed on in `updateStarted`. While a run is in
     /// progress, a start reports `updateFailed(alreadySynching)` and lets that run end silently.
+    /// An app key whose prefix cannot name a project directory (`checkAppKeyPrefix`) ends the run
+    /// at once with `updateFailed(fileError)`, before any request.
     void startSync(bool isFirstTime);
     /// Lets the run in progress end silently; its requests still complete.
     void cancelSync();

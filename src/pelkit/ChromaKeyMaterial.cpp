@@ -40,16 +40,22 @@ _surface.transparent.a = a;)glsl";
 
 } // namespace
 
+struct ChromaKeyMaterial::State {
+    scene::Color backgroundColor;
+    float thresholdSensitivity;
+    float smoothing;
+};
+
 ChromaKeyMaterial::ChromaKeyMaterial(scene::Color backgroundColor, float thresholdSensitivity,
                                      float smoothing)
-    : backgroundColor_(backgroundColor), thresholdSensitivity_(thresholdSensitivity),
-      smoothing_(smoothing) {
-    // Bound directly: a subclass's pushValue cannot run before the subclass exists.
+    : state_(std::make_unique<State>(backgroundColor, thresholdSensitivity, smoothing)) {
     setValue(colorToReplaceKey, colorToReplace);
-    setValue(thresholdSensitivityKey, thresholdSensitivity_);
-    setValue(smoothingKey, smoothing_);
+    setValue(thresholdSensitivityKey, state_->thresholdSensitivity);
+    setValue(smoothingKey, state_->smoothing);
     setShaderModifiers({{scene::ShaderEntryPoint::surface, std::string(surfaceShader)}});
 }
+
+ChromaKeyMaterial::~ChromaKeyMaterial() = default;
 
 std::shared_ptr<ChromaKeyMaterial> ChromaKeyMaterial::create(scene::Color backgroundColor,
                                                              float thresholdSensitivity,
@@ -72,13 +78,13 @@ std::string_view ChromaKeyMaterial::surfaceShaderModifier() {
 
 scene::Color ChromaKeyMaterial::backgroundColor() const {
     scene::SceneLock lock;
-    return backgroundColor_;
+    return state_->backgroundColor;
 }
 
 void ChromaKeyMaterial::setBackgroundColor(scene::Color color) {
     scene::SceneLock lock;
-    backgroundColor_ = color;
-    pushValue(colorToReplaceKey, colorToReplace);
+    state_->backgroundColor = color;
+    setValue(colorToReplaceKey, colorToReplace);
 }
 
 void ChromaKeyMaterial::modifyBackgroundColor(const std::function<void(scene::Color&)>& change) {
@@ -89,13 +95,13 @@ void ChromaKeyMaterial::modifyBackgroundColor(const std::function<void(scene::Co
 
 float ChromaKeyMaterial::thresholdSensitivity() const {
     scene::SceneLock lock;
-    return thresholdSensitivity_;
+    return state_->thresholdSensitivity;
 }
 
 void ChromaKeyMaterial::setThresholdSensitivity(float value) {
     scene::SceneLock lock;
-    thresholdSensitivity_ = value;
-    pushValue(thresholdSensitivityKey, value);
+    state_->thresholdSensitivity = value;
+    setValue(thresholdSensitivityKey, value);
 }
 
 void ChromaKeyMaterial::modifyThresholdSensitivity(const std::function<void(float&)>& change) {
@@ -106,23 +112,19 @@ void ChromaKeyMaterial::modifyThresholdSensitivity(const std::function<void(floa
 
 float ChromaKeyMaterial::smoothing() const {
     scene::SceneLock lock;
-    return smoothing_;
+    return state_->smoothing;
 }
 
 void ChromaKeyMaterial::setSmoothing(float value) {
     scene::SceneLock lock;
-    smoothing_ = value;
-    pushValue(smoothingKey, value);
+    state_->smoothing = value;
+    setValue(smoothingKey, value);
 }
 
 void ChromaKeyMaterial::modifySmoothing(const std::function<void(float&)>& change) {
     float value = smoothing();
     change(value);
     setSmoothing(value);
-}
-
-void ChromaKeyMaterial::pushValue(std::string_view key, scene::ShaderValue value) {
-    setValue(key, value);
 }
 
 } // namespace pelkit

@@ -6,6 +6,8 @@
 #include <pelkit/net/HttpSession.h>
 #include <pelkit/zip/Unzip.h>
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace pelkit {
@@ -13,12 +15,32 @@ namespace {
 
 constexpr auto kRequestTimeout = std::chrono::seconds(60);
 
+// A body longer than this is no URL: decoding it as text would only copy a large archive again.
+constexpr std::size_t kMaxUrlBodyBytes = 16 * 1024;
+
 net::HttpRequest makeRequest(const std::string& host, const char* path, const std::string& appKey) {
     std::string address = host + path;
     auto url = net::Url::parse(address);
     if (!url)
         fatalError("PELGateway: the request address '" + address + "' is not a URL");
     return {*url, {{"Content-Type", "application/json"}, {"appkey", appKey}}, kRequestTimeout};
+}
+
+std::optional<net::Url> urlInBody(const Bytes& body) {
+    if (body.size() > kMaxUrlBodyBytes)
+        return std::nullopt;
+    return net::Url::parse(decodeUtf8Lossy(textOf(body)));
+}
+
+/// Whether `text` begins with "http" in any letter case, as "HTTP://" does.
+bool beginsWithHttp(std::string_view text) {
+    constexpr std::string_view http = "http";
+    auto lowered = [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    };
+    return text.size() >= http.size() &&
+           std::equal(http.begin(), http.end(), text.begin(),
+                      [&](char lower, char c) { return lower == lowered(c); });
 }
 
 // The gateway's own session must not hold the gateway for good (that would be a cycle of shared
@@ -112,7 +134,7 @@ void PELGateway::downloadTargets(std::filesystem::path destination,
             if (!*prepared)
                 return completion(PELError::alreadyUpToDate());
             const net::Url& url = **prepared;
-            if (url.absoluteString().starts_with("http"))
+            if (beginsWithHttp(url.absoluteString()))
                 return self->downloadFile(url, std::move(destination), std::move(completion));
             // The file URL of the archive that came in the body and is already unpacked.
             completion(std::nullopt);
@@ -145,7 +167,7 @@ void PELGateway::prepareTargetsForDownload(std::optional<std::string> lastUpdate
             }
             printLine("Unexpected error: " + stored.error()->description());
             printLine("failed to write the response data to file..trying to start download task..");
-            if (auto url = net::Url::parse(decodeUtf8Lossy(textOf(*result.body))))
+            if (auto url = urlInBody(*result.body))
                 return completion(std::optional(*url));
             printLine("provided data was not a correct url");
             return completion(std::unexpected(PELError::serverError()));
@@ -165,11 +187,17 @@ void PELGateway::prepareTargetsForDownload(std::optional<std::string> lastUpdate
 void PELGateway::downloadFile(const net::Url& url, std::filesystem::path destination,
                               DownloadCompletion completion) {
     notify(PELStatus::downloadStarted());
-    downloadCompletion_ = std::move(completion);
-    downloadDestination_ = std::move(destination);
     if (!session_)
         fatalError("PELGateway.downloadFile: the gateway has no session");
-    session_->downloadTask({url, {}, kRequestTimeout})->resume();
+    // The download fields belong to the session's delegate queue, where the download callbacks
+    // read and clear them: a late callback of an earlier task then runs wholly before or after.
+    session_->callbackQueue().async([self = shared_from_this(), url,
+                                     destination = std::move(destination),
+                                     completion = std::move(completion)]() mutable {
+        self->downloadCompletion_ = std::move(completion);
+        self->downloadDestination_ = std::move(destination);
+        self->session_->downloadTask({url, {}, kRequestTimeout})->resume();
+    });
 }
 
 void PELGateway::didWriteData(std::int64_t totalBytesWritten, std::int64_t totalBytesExpected) {
@@ -182,11 +210,9 @@ void PELGateway::didFinishDownloading(const std::filesystem::path& location) {
         fatalError("PELGateway.didFinishDownloading: no destination for the download");
     auto destination = *downloadDestination_;
     auto archive = destination / "targets.zip";
-    // The whole archive is held in memory once, between reading it and writing it.
-    Result<> stored;
-    if (auto bytes = readFile(location); !bytes)
-        stored = std::unexpected(bytes.error());
-    else if (stored = writeFile(archive, *bytes); stored)
+    // Copied, not moved: the session removes its temporary file after this returns.
+    auto stored = copyFileAtomically(location, archive);
+    if (stored)
         stored = zip::unzipFile(archive, destination);
     auto completion = std::exchange(downloadCompletion_, nullptr);
     downloadDestination_.reset();

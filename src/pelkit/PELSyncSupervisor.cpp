@@ -2,9 +2,36 @@
 
 #include <pelkit/PELProject.h>
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/foundation/Log.h>
 #include <pelkit/foundation/UserDefaults.h>
 
+#include <algorithm>
+
 namespace pelkit {
+namespace {
+
+// Far beyond any revision stamp, well below the header sizes servers accept.
+constexpr std::size_t kMaxRevisionBytes = 1024;
+
+/// Whether `revision` can go into the "lastupdated" header as it is: visible characters, spaces
+/// and tabs only (a line break would end the header), and not too long for a server to accept.
+bool canBeSentAsHeader(const std::string& revision) {
+    return revision.size() <= kMaxRevisionBytes && std::ranges::all_of(revision, [](char c) {
+               const auto byte = static_cast<unsigned char>(c);
+               return byte == '\t' || (byte >= 0x20 && byte != 0x7f);
+           });
+}
+
+/// `revision`, or none when it cannot be sent back: remembering such a value would get every
+/// later preparation request refused.
+std::optional<std::string> sendableRevision(std::optional<std::string> revision) {
+    if (!revision || canBeSentAsHeader(*revision))
+        return revision;
+    printLine("lastUpdated cannot be sent in a header; no revision is remembered");
+    return std::nullopt;
+}
+
+} // namespace
 
 PELSyncSupervisor::PELSyncSupervisor(std::string host, std::string appKey,
                                      std::shared_ptr<PELStatusDelegate> delegate)
@@ -33,6 +60,9 @@ void PELSyncSupervisor::startSync(bool isFirstTime) {
         return;
     }
     delegate_->statusDidChange(PELStatus::updateStarted(isFirstTime));
+    // Checked before any request, so a key that would put the project elsewhere writes nothing.
+    if (auto usable = checkAppKeyPrefix(appKey_); !usable)
+        return fail(PELError::fileError(usable.error()));
     auto self = shared_from_this();
     gateway_->fetchRemoteConfiguration([self](std::expected<Bytes, PELError> result) {
         if (!result)
@@ -60,7 +90,11 @@ void PELSyncSupervisor::handleConfigurationResult(const Bytes& data) {
 
 void PELSyncSupervisor::downloadTargets() {
     auto destination = storage_.getConfigurationFilePath().parent_path();
-    auto lastUpdated = UserDefaults::standard().string(lastUpdatedKey(appKey_));
+    auto& defaults = UserDefaults::standard();
+    auto stored = defaults.string(lastUpdatedKey(appKey_));
+    auto lastUpdated = sendableRevision(stored);
+    if (stored && !lastUpdated)
+        (void)defaults.set(lastUpdatedKey(appKey_), std::nullopt);
     auto self = shared_from_this();
     gateway_->downloadTargets(destination, lastUpdated, [self](std::optional<PELError> error) {
         if (error)
@@ -81,7 +115,7 @@ void PELSyncSupervisor::conclude() {
     // A store that cannot be written keeps the value for this process; the next run then asks
     // for the targets again, which is the safe side.
     (void)defaults.set(lastUpdatedKey(appKey_),
-                       project ? std::optional(project->lastUpdated) : std::nullopt);
+                       project ? sendableRevision(project->lastUpdated) : std::nullopt);
     finish(PELStatus::updateCompleted());
 }
 

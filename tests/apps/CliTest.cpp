@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
+
+#include <fstream>
 
 namespace pelkit {
 namespace {
@@ -78,6 +81,60 @@ TEST_F(PelkitCli, ShowPrintsTheStoredProjectWithImageSizes) {
               std::string::npos)
         << show.out;
     EXPECT_EQ(pelkit("show --app-key unknown --documents " + documents.path().string()).status, 1);
+}
+
+// Such keys would put the project somewhere other than a directory of its own.
+TEST_F(PelkitCli, KeysWhosePrefixCannotNameADirectoryAreRefusedWritingNothing) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"../../x", R"("../../x" cannot name a project directory: it holds "/")"},
+        {"/proc/pelkit", R"("/proc/pelkit" cannot name a project directory: it holds "/")"},
+        {"a/b", R"("a/b" cannot name a project directory: it holds "/")"},
+        {".", R"("." cannot name a project directory: it names the documents directory itself)"},
+        {"..", R"(".." cannot name a project directory: it names the parent of the documents )"
+               R"(directory)"},
+    };
+    const std::string nested = " --documents " + (documents / "a/b").string();
+    for (const auto& [key, reason] : cases) {
+        const std::string refusal = "the app-key prefix " + reason;
+        Outcome sync = pelkit("sync --server " + server.baseUrl() + " --app-key '" + key + "'" +
+                              nested + " --events");
+        EXPECT_EQ(sync.status, 1);
+        EXPECT_EQ(sync.out, "updateStarted(firstTime: true)\nupdateFailed(error: fileError(posix "
+                            "22: " +
+                                refusal + "))\n");
+        EXPECT_EQ(sync.err, "pelkit: sync failed: fileError(posix 22: " + refusal + ")\n");
+        Outcome show = pelkit("show --app-key '" + key + "'" + nested);
+        EXPECT_EQ(show.status, 1);
+        EXPECT_EQ(show.err, "pelkit: " + refusal + "\n");
+    }
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_TRUE(std::filesystem::is_empty(documents.path()));
+}
+
+// Target names come from the server: show reads nothing outside the project, and nothing that
+// is not a regular file.
+TEST_F(PelkitCli, ShowReadsTargetImagesOnlyFromInsideTheProject) {
+    const auto project = documents / "hostile-key";
+    std::filesystem::create_directories(project);
+    std::ofstream(documents / "outside.jpg") << "secret";
+    ASSERT_EQ(::mkfifo((project / "fifo").c_str(), 0644), 0);
+    std::string targets;
+    for (const char* name : {"../outside.jpg", "/dev/zero", "/proc/self/mem", "fifo"})
+        targets += std::string(targets.empty() ? "" : ",") + R"({"id":"t","name":")" + name +
+                   R"(","physicalWidth":1,"lastUpdated":"","items":[]})";
+    std::ofstream(project / "configuration.json")
+        << R"({"id":"p","lastUpdated":"r","targets":[)" + targets + "]}";
+    Outcome show = pelkit("show --app-key hostile-key --documents " + documents.path().string());
+    EXPECT_EQ(show.status, 0) << show.err;
+    const std::string lines[] = {
+        "image: refused (appendingPathComponent(../outside.jpg): the name leaves the directory)",
+        "image: " + (project / "dev/zero").string() + " (missing)",
+        "image: " + (project / "proc/self/mem").string() + " (missing)",
+        "image: " + (project / "fifo").string() + " (readRegularFile(" +
+            (project / "fifo").string() + "): not a regular file)",
+    };
+    for (const auto& line : lines)
+        EXPECT_NE(show.out.find("    " + line + "\n"), std::string::npos) << show.out;
 }
 
 } // namespace

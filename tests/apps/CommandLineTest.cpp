@@ -1,9 +1,9 @@
-// The pelkit-devserver command line: parsing in-process, then the real program, run on the
-// committed demo project.
+// The programs' command lines: the shared reading rules, pelkit-devserver's options in-process,
+// then the real devserver program on the committed demo project.
+#include "common/CommandLine.h"
 #include "devserver/CommandLine.h"
 
 #include <pelkit/foundation/FileSystem.h>
-#include <pelkit/zip/Unzip.h>
 
 #include "TestSupport.h"
 
@@ -12,27 +12,109 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <cstdio>
 #include <ranges>
-#include <regex>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace pelkit::devserver {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// Parses `line`, split at spaces.
-std::expected<Command, std::string> parse(const std::string& line) {
-    std::vector<std::string_view> arguments;
-    for (const auto word : std::views::split(std::string_view(line), ' '))
-        arguments.emplace_back(word.begin(), word.end());
-    return parseCommandLine(line.empty() ? std::vector<std::string_view>{} : arguments);
+std::vector<std::string_view> words(std::string_view line) {
+    std::vector<std::string_view> split;
+    for (const auto word : std::views::split(line, ' '))
+        split.emplace_back(word.begin(), word.end());
+    return line.empty() ? std::vector<std::string_view>{} : split;
+}
+
+/// The options that `line` (split at spaces) sets, or the reason it is refused.
+std::expected<DevServerOptions, std::string> parse(const std::string& line) {
+    DevServerOptions options;
+    const auto parsed = apps::parse(*commandLine(options), words(line));
+    if (!parsed)
+        return std::unexpected(parsed.error());
+    return options;
+}
+
+/// The reason a parse refused its arguments, or "<accepted>".
+template <class Value> std::string refusal(const std::expected<Value, std::string>& parsed) {
+    return parsed ? "<accepted>" : parsed.error();
 }
 
 std::string contents(const fs::path& path) {
     auto bytes = readFile(path);
     return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
+}
+
+TEST(CommandLine, ReadsEveryDevServerOption) {
+    const auto options = parse("--project /p --port 0 --app-key k --archive url "
+                               "--no-content-length --archive-file /h.zip --status "
+                               "configuration=500 --delay files=250 --close-after archive=1000 "
+                               "--status files=404 --verbose");
+    ASSERT_TRUE(options.has_value()) << options.error();
+    EXPECT_EQ(options->project, "/p");
+    EXPECT_EQ(options->port, 0);
+    EXPECT_EQ(options->appKey, "k");
+    EXPECT_EQ(options->archive, ArchiveMode::Url);
+    EXPECT_EQ(options->archiveLength, ArchiveLength::Chunked);
+    EXPECT_EQ(options->archiveFile, fs::path("/h.zip"));
+    EXPECT_TRUE(options->printRequests);
+    ASSERT_EQ(options->faults.size(), 3u);
+    EXPECT_EQ(options->faults.at(Endpoint::Configuration).status, 500);
+    EXPECT_EQ(options->faults.at(Endpoint::Files).delay, std::chrono::milliseconds(250));
+    EXPECT_EQ(options->faults.at(Endpoint::Files).status, 404) << "faults of one endpoint add up";
+    EXPECT_EQ(options->faults.at(Endpoint::Archive).closeAfterBytes, 1000u);
+
+    EXPECT_EQ(parse("--project /p")->port, 8080) << "the port apps are pointed at by default";
+}
+
+TEST(CommandLine, RefusesBadDevServerValuesWithOneLineReasons) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"--port 80", "--project is required"},
+        {"--project /p --port 65536", "--port: needs a whole number from 0 to 65535, got: 65536"},
+        {"--project /p --port -1", "--port: needs a whole number from 0 to 65535, got: -1"},
+        {"--project /p --port 80x", "--port: needs a whole number from 0 to 65535, got: 80x"},
+        {"--project /p --archive zip", "--archive: needs one of body|url, got: zip"},
+        {"--project /p --status 500", "--status: needs ENDPOINT=CODE, got: 500"},
+        {"--project /p --delay config=5",
+         "--delay: unknown endpoint: config (one of configuration, prepareTargetsForDownload, "
+         "preparecontent, files, archive)"},
+        {"--project /p --status files=99",
+         "--status: needs a whole number from 100 to 599, got: 99"},
+        {"--project /p --delay files=soon",
+         "--delay: needs a whole number from 0 to 2147483647, got: soon"},
+        {"--project /p --close-after archive=",
+         "--close-after: needs a whole number from 0 to 9223372036854775807, got: "},
+    };
+    for (const auto& [arguments, reason] : cases)
+        EXPECT_EQ(refusal(parse(arguments)), reason) << arguments;
+}
+
+/// A program made of commands, as pelkit is: `sync --server S` and `show`.
+std::unique_ptr<CLI::App> programWithCommands(std::string& server) {
+    auto app = std::make_unique<CLI::App>("A program with commands.", "program");
+    app->require_subcommand(1);
+    app->add_subcommand("sync", "Syncs.")->add_option("--server", server, "the server")->required();
+    app->add_subcommand("show", "Shows.");
+    return app;
+}
+
+TEST(CommandLine, HelpAndMistakesConcernTheCommandNamed) {
+    std::string server;
+    const auto help = apps::parse(*programWithCommands(server), words("sync --help"));
+    ASSERT_TRUE(help.has_value()) << help.error();
+    EXPECT_EQ(help->action, apps::Parsed::Action::Help);
+    EXPECT_NE(help->help.find("--server"), std::string::npos) << help->help;
+
+    const std::pair<const char*, std::string> mistakes[] = {
+        {"", "A subcommand is required"},
+        {"synk --server s", "unknown command: synk"},
+        {"sync", "--server is required"},
+    };
+    for (const auto& [arguments, reason] : mistakes)
+        EXPECT_EQ(refusal(apps::parse(*programWithCommands(server), words(arguments))), reason)
+            << arguments;
 }
 
 /// Runs the devserver program with `arguments`; its exit status, standard output and error.
@@ -49,110 +131,18 @@ Run runToEnd(const std::string& arguments) {
     return {WEXITSTATUS(status), contents(outputs / "out"), contents(outputs / "err")};
 }
 
-/// Starts the program with its standard output on a pipe, which `out` reads.
-pid_t start(std::vector<std::string> arguments, int& out) {
-    arguments.insert(arguments.begin(), PELKIT_DEVSERVER);
-    std::vector<char*> argv; // built before fork: the child may only exec
-    for (auto& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int pipeEnds[2];
-    if (::pipe(pipeEnds) != 0)
-        return -1;
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(pipeEnds[1], 1);
-        ::close(pipeEnds[0]);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(pipeEnds[1]);
-    out = pipeEnds[0];
-    return pid;
-}
-
-std::string readLine(int fd) {
-    std::string line;
-    for (char c; ::read(fd, &c, 1) == 1 && c != '\n';)
-        line += c;
-    return line;
-}
-
-TEST(CommandLine, ReadsEveryOption) {
-    const auto command = parse("--project /p --port 0 --app-key k --archive url "
-                               "--no-content-length --archive-file /h.zip --status "
-                               "configuration=500 --delay files=250 --close-after archive=1000 "
-                               "--status files=404 --verbose");
-    ASSERT_TRUE(command.has_value()) << command.error();
-    const auto& options = command->options;
-    EXPECT_EQ(command->action, Command::Action::Serve);
-    EXPECT_EQ(options.project, "/p");
-    EXPECT_EQ(options.port, 0);
-    EXPECT_EQ(options.appKey, "k");
-    EXPECT_EQ(options.archive, ArchiveMode::Url);
-    EXPECT_EQ(options.archiveLength, ArchiveLength::Chunked);
-    EXPECT_EQ(options.archiveFile, fs::path("/h.zip"));
-    EXPECT_TRUE(options.printRequests);
-    ASSERT_EQ(options.faults.size(), 3u);
-    EXPECT_EQ(options.faults.at(Endpoint::Configuration).status, 500);
-    EXPECT_EQ(options.faults.at(Endpoint::Files).delay, std::chrono::milliseconds(250));
-    EXPECT_EQ(options.faults.at(Endpoint::Files).status, 404) << "faults of one endpoint add up";
-    EXPECT_EQ(options.faults.at(Endpoint::Archive).closeAfterBytes, 1000u);
-
-    const auto defaults = parse("--project /p");
-    EXPECT_EQ(defaults->options.port, 8080);
-    EXPECT_EQ(defaults->options.archive, ArchiveMode::Body);
-    EXPECT_EQ(defaults->options.archiveLength, ArchiveLength::Announced);
-    EXPECT_FALSE(defaults->options.appKey);
-    EXPECT_EQ(parse("--port x --help")->action, Command::Action::Help)
-        << "--help wins over any other argument";
-}
-
-TEST(CommandLine, RejectsBadArgumentsWithOneLineReasons) {
-    const std::pair<const char*, std::string> cases[] = {
-        {"", "--project is required"},
-        {"--port 80", "--project is required"},
-        {"--project", "missing value for --project"},
-        {"--project /p --colour", "unknown option: --colour"},
-        {"--project /p extra", "unknown option: extra"},
-        {"--project /p --port 65536", "--port needs a number from 0 to 65535, got: 65536"},
-        {"--project /p --port -1", "--port needs a number from 0 to 65535, got: -1"},
-        {"--project /p --port 80x", "--port needs a number from 0 to 65535, got: 80x"},
-        {"--project /p --archive zip", "--archive needs body or url, got: zip"},
-        {"--project /p --status 500", "--status needs ENDPOINT=CODE, got: 500"},
-        {"--project /p --delay config=5",
-         "unknown endpoint: config (one of configuration, prepareTargetsForDownload, "
-         "preparecontent, files, archive)"},
-        {"--project /p --status files=99", "--status needs a code from 100 to 599, got: 99"},
-        {"--project /p --delay files=soon", "--delay needs milliseconds, got: soon"},
-        {"--project /p --close-after archive=", "--close-after needs a byte count, got: "},
-    };
-    for (const auto& [arguments, reason] : cases) {
-        const auto command = parse(arguments);
-        ASSERT_FALSE(command.has_value()) << arguments;
-        EXPECT_EQ(command.error(), reason) << arguments;
-    }
-}
-
-TEST(DevServerProgram, HelpDocumentsTheLayoutEndpointsAndOptions) {
+TEST(DevServerProgram, HelpExits0BadArgumentsExit2AndAnUnservableFolderExits1) {
     const auto help = runToEnd("--help");
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out, helpText());
-    for (const auto* mention :
-         {"DIR/configuration.json", "DIR/targets/<file>", "DIR/files/<file>", "\"lastUpdated\"",
-          "name without its extension", "GET /configuration", "GET /prepareTargetsForDownload",
-          "/preparecontent", "GET /files/<file>", "GET /archive/targets.zip", "--port N",
-          "--app-key KEY", "--archive body|url", "--no-content-length", "--archive-file FILE",
-          "--status ENDPOINT=CODE", "--delay ENDPOINT=MS", "--close-after ENDPOINT=BYTES"})
-        EXPECT_NE(help.out.find(mention), std::string::npos)
-            << "--help does not mention " << mention;
-}
+    DevServerOptions options;
+    EXPECT_EQ(help.out, commandLine(options)->help());
+    EXPECT_NE(help.out.find("Exit status"), std::string::npos) << "the folder layout and more";
 
-TEST(DevServerProgram, BadArgumentsExit2AndAnUnservableFolderExits1) {
     const auto bad = runToEnd("--project /p --bogus");
     EXPECT_EQ(bad.status, 2);
     EXPECT_EQ(bad.out, "");
-    EXPECT_EQ(bad.err, "pelkit-devserver: unknown option: --bogus\n" + usageText());
+    EXPECT_EQ(bad.err, "pelkit-devserver: The following argument was not expected: --bogus\n"
+                       "Run 'pelkit-devserver --help' for the options.\n");
 
     test::TempDir dir;
     const auto missing = runToEnd("--project " + (dir / "nowhere").string() + " --port 0");
@@ -161,59 +151,51 @@ TEST(DevServerProgram, BadArgumentsExit2AndAnUnservableFolderExits1) {
               "pelkit-devserver: project folder not found: " + (dir / "nowhere").string() + "\n");
 }
 
-// Serves the committed demo project through the real program: every target named in its
-// configuration is in the archive, and every content item has a media file.
-TEST(DevServerProgram, ServesTheDemoProjectUntilTerminated) {
-    const auto demo = fs::path(PELKIT_SOURCE_DIR) / "examples" / "demo-project";
-    int out = -1;
-    pid_t program = start({"--project", demo.string(), "--port", "0", "--app-key", "demo"}, out);
-    const std::unique_ptr<pid_t, void (*)(pid_t*)> reaper(&program, [](pid_t* pid) {
-        if (*pid > 0 && ::kill(*pid, SIGKILL) == 0) // left running by a failed assertion
-            ::waitpid(*pid, nullptr, 0);
-    });
-    const auto line = readLine(out);
-    ::close(out);
-    std::smatch match;
-    ASSERT_TRUE(
-        std::regex_match(line, match, std::regex(R"(listening on http://127\.0\.0\.1:(\d+))")))
-        << line;
-    httplib::Client client("127.0.0.1", std::stoi(match[1]));
+/// What the demo project promises: every content item is prepared to a media file.
+void expectDemoServed(int port, const fs::path& demo) {
+    httplib::Client client("127.0.0.1", port);
     const httplib::Headers key{{"appkey", "demo"}};
-
     const auto configuration = client.Get("/configuration", key);
-    ASSERT_TRUE(configuration);
-    ASSERT_EQ(configuration->status, 200);
+    ASSERT_TRUE(configuration && configuration->status == 200);
     EXPECT_EQ(configuration->body, contents(demo / "configuration.json"));
     const auto project = nlohmann::json::parse(configuration->body);
-
-    const auto archive = client.Get("/prepareTargetsForDownload", key);
-    ASSERT_EQ(archive->status, 200);
-    test::TempDir unpacked;
-    ASSERT_TRUE(writeFileAtomically(unpacked / "targets.zip", archive->body).has_value());
-    ASSERT_TRUE(zip::unzipFile(unpacked / "targets.zip", unpacked.path()).has_value());
     std::set<std::string> types;
     for (const auto& target : project["targets"]) {
-        const auto name = target["name"].get<std::string>();
-        EXPECT_EQ(contents(unpacked / name), contents(demo / "targets" / name)) << name;
         for (const auto& item : target["items"]) {
             types.insert(item["type"].get<std::string>());
-            EXPECT_FALSE(item.contains("url")) << "demo items are prepared by the server";
             const auto prepared =
                 client.Get("/targets/" + target["id"].get<std::string>() + "/content/" +
                                item["id"].get<std::string>() + "/preparecontent",
                            key);
             ASSERT_EQ(prepared->status, 200) << item["id"];
             const auto media = client.Get(prepared->body);
-            EXPECT_EQ(media->status, 200) << prepared->body;
-            EXPECT_FALSE(media->body.empty()) << prepared->body;
+            EXPECT_TRUE(media->status == 200 && !media->body.empty()) << prepared->body;
         }
     }
     EXPECT_EQ(types, (std::set<std::string>{"IMAGE", "LINK", "VIDEO", "GREEN_SCREEN", "AUDIO"}));
+}
 
-    ::kill(program, SIGTERM);
-    int status = 0;
-    ::waitpid(std::exchange(program, -1), &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+TEST(DevServerProgram, ServesTheDemoProjectUntilTerminated) {
+    const auto demo = fs::path(PELKIT_SOURCE_DIR) / "examples" / "demo-project";
+    // The shell tells the program's pid, and through `wait` ends with the program's exit status.
+    FILE* out = ::popen((std::string(PELKIT_DEVSERVER) + " --project " + demo.string() +
+                         " --port 0 --app-key demo & echo pid $!; wait $!")
+                            .c_str(),
+                        "r");
+    ASSERT_NE(out, nullptr);
+    int pid = 0;
+    int port = 0;
+    char line[256];
+    while ((pid == 0 || port == 0) && std::fgets(line, sizeof line, out)) {
+        std::sscanf(line, "pid %d", &pid);
+        std::sscanf(line, "listening on http://127.0.0.1:%d", &port);
+    }
+    EXPECT_GT(port, 0) << "no listening line";
+    if (port > 0)
+        expectDemoServed(port, demo);
+    if (pid > 0)
+        ::kill(pid, SIGTERM);
+    EXPECT_EQ(::pclose(out), 0) << "the exit status after SIGTERM";
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // The development server, run in-process on a project folder made by each test, and checked with
-// plain HTTP clients (httplib's, and a raw socket where the exact bytes on the wire matter).
+// a plain HTTP client.
 #include "devserver/DevServer.h"
 
 #include <pelkit/foundation/FileSystem.h>
@@ -9,11 +9,6 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
 
@@ -31,25 +26,14 @@ std::string configuration(const std::string& lastUpdated) {
     return R"({"id": "p", "lastUpdated": ")" + lastUpdated + R"(", "targets": []})";
 }
 
-/// Everything that arrived on one connection until the server closed it, split after the headers.
-std::pair<std::string, std::string> rawGet(int port, const std::string& path) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::string all;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-        const auto request = "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-        (void)!::write(fd, request.data(), request.size());
-        char buffer[65536];
-        for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;)
-            all.append(buffer, static_cast<std::size_t>(got));
-    }
-    ::close(fd);
-    const auto end = std::min(all.find("\r\n\r\n"), all.size());
-    return {all.substr(0, end), all.substr(std::min(end + 4, all.size()))};
-}
+/// One request and what must come back; an absent body or an empty type is not checked.
+struct Exchange {
+    std::string path;
+    int status;
+    std::optional<std::string> body = std::nullopt;
+    std::string type = "";
+    httplib::Headers headers = {};
+};
 
 class DevServerTest : public ::testing::Test {
 protected:
@@ -74,211 +58,171 @@ protected:
         server = std::make_unique<DevServer>(std::move(options));
         auto started = server->start();
         ASSERT_TRUE(started.has_value()) << started.error()->description();
-        port = *started;
-        client = std::make_unique<httplib::Client>("127.0.0.1", port);
+        client = std::make_unique<httplib::Client>("127.0.0.1", *started);
     }
     httplib::Result get(const std::string& path, const httplib::Headers& headers = {}) {
         return client->Get(path, headers);
     }
+    void expect(std::initializer_list<Exchange> exchanges) {
+        for (const auto& exchange : exchanges) {
+            const auto answer = get(exchange.path, exchange.headers);
+            ASSERT_TRUE(answer) << exchange.path;
+            EXPECT_EQ(answer->status, exchange.status) << exchange.path;
+            EXPECT_EQ(answer->body, exchange.body.value_or(answer->body)) << exchange.path;
+            EXPECT_EQ(answer->get_header_value("Content-Type"),
+                      exchange.type.empty() ? answer->get_header_value("Content-Type")
+                                            : exchange.type)
+                << exchange.path;
+        }
+    }
 
-    /// Each entry of `archive` by name, with its size and a hash of its bytes.
-    std::map<std::string, std::string> unpacked(const std::string& archive) {
+    /// The sorted names of the entries of `archive`, each checked to hold its target's bytes.
+    std::vector<std::string> unpacked(const std::string& archive) {
         const auto into = dir / ("unpacked-" + std::to_string(++unpackCount));
-        fs::create_directories(into);
+        fs::create_directories(into); // an empty archive makes none
         EXPECT_TRUE(writeFileAtomically(dir / "received.zip", archive).has_value());
         EXPECT_TRUE(zip::unzipFile(dir / "received.zip", into).has_value());
-        std::map<std::string, std::string> files;
-        for (const auto& entry : fs::directory_iterator(into))
-            files[entry.path().filename()] = summary(contents(entry.path()));
-        return files;
-    }
-    static std::string summary(const std::string& bytes) {
-        return std::to_string(bytes.size()) + " bytes #" +
-               std::to_string(std::hash<std::string>{}(bytes));
-    }
-    std::map<std::string, std::string> targets(std::vector<std::string> names = {"a.jpg",
-                                                                                 "b.png"}) {
-        std::map<std::string, std::string> files;
-        for (const auto& name : names)
-            files[name] = summary(contents(project / "targets" / name));
-        return files;
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(into)) {
+            names.push_back(entry.path().filename());
+            EXPECT_TRUE(contents(entry.path()) == contents(project / "targets" / names.back()))
+                << names.back();
+        }
+        std::ranges::sort(names);
+        return names;
     }
 
     test::TempDir dir;
     fs::path project = dir / "project";
     std::unique_ptr<DevServer> server;
     std::unique_ptr<httplib::Client> client;
-    int port = 0;
     int unpackCount = 0;
 };
 
-TEST_F(DevServerTest, ConfigurationIsServedVerbatimAndReadAtEveryRequest) {
+TEST_F(DevServerTest, EndpointsAnswerFromTheFolder) {
+    write("files/e.bin", "bin");
     serve();
-    const auto first = get("/configuration");
-    EXPECT_EQ(first->status, 200);
-    EXPECT_EQ(first->get_header_value("Content-Type"), "application/json");
-    EXPECT_EQ(first->body, configuration("rev-1"));
+    expect({
+        {"/configuration", 200, configuration("rev-1"), "application/json"},
+        {"/prepareTargetsForDownload", 204, "", "", {{"lastupdated", "rev-1"}}},
+        {"/prepareTargetsForDownload", 200, {}, "application/zip", {{"lastupdated", "REV-1"}}},
+        {"/targets/t1/content/clip/preparecontent", 200, "/files/clip.mp4"},
+        {"/targets/t1/content/photo%20one/preparecontent", 200, "/files/photo%20one.jpg"},
+        {"/targets/t1/content/clip.mp4/preparecontent", 404, "no file named clip.mp4.* in files/"},
+        {"/files/clip.mp4", 200, "0123456789abcdefghij", "video/mp4"},
+        {"/files/clip.mp4", 206, "abcde", "", {{"Range", "bytes=10-14"}}},
+        {"/files/photo%20one.jpg", 200, "JPEG", "image/jpeg"},
+        {"/files/e.bin", 200, {}, "application/octet-stream"},
+        {"/files/missing.jpg", 404},
+        {"/files/..%2Fconfiguration.json", 404},
+        {"/files/..", 404},
+        {"/files/", 404},
+    });
+}
 
+TEST_F(DevServerTest, EditsToTheFolderShowAtTheNextRequest) {
+    serve();
+    const auto first = get("/prepareTargetsForDownload")->body;
+    EXPECT_EQ(unpacked(first), (std::vector<std::string>{"a.jpg", "b.png"}));
+    EXPECT_TRUE(get("/prepareTargetsForDownload")->body == first) << "same revision";
+
+    write("targets/c.jpg", "third"); // a new image without a new stamp still counts
+    EXPECT_EQ(unpacked(get("/prepareTargetsForDownload")->body),
+              (std::vector<std::string>{"a.jpg", "b.png", "c.jpg"}));
+    fs::remove_all(project / "targets");
+    EXPECT_TRUE(unpacked(get("/prepareTargetsForDownload")->body).empty());
+
+    const auto file = (project / "configuration.json").string();
     write("configuration.json", "{ \"edited\": true }");
-    EXPECT_EQ(get("/configuration")->body, "{ \"edited\": true }") << "verbatim, even unstamped";
-
-    fs::remove(project / "configuration.json");
-    EXPECT_EQ(get("/configuration")->status, 500);
-    EXPECT_EQ(get("/prepareTargetsForDownload")->body,
-              "open(" + (project / "configuration.json").string() +
-                  "): No such file or directory (2)");
+    expect({{"/configuration", 200, "{ \"edited\": true }"}, // verbatim, even unstamped
+            {"/prepareTargetsForDownload", 500, file + ": no \"lastUpdated\" text"}});
+    write("configuration.json", configuration("rev-2"));
+    expect({{"/prepareTargetsForDownload", 200, {}, "", {{"lastupdated", "rev-1"}}},
+            {"/prepareTargetsForDownload", 204, "", "", {{"lastupdated", "rev-2"}}}});
+    fs::remove(file);
+    expect({{"/configuration", 500, "open(" + file + "): No such file or directory (2)"}});
 }
 
 TEST_F(DevServerTest, AppKeyIsRequiredOnTheApiEndpointsOnly) {
     serve({.appKey = "key-123"});
-    const std::tuple<const char*, const char*, int> cases[] = {
-        {"/configuration", nullptr, 401},
-        {"/configuration", "key-12", 401},
-        {"/configuration", "key-123", 200},
-        {"/prepareTargetsForDownload", "KEY-123", 401},
-        {"/prepareTargetsForDownload", "key-123", 200},
-        {"/targets/t/content/clip/preparecontent", nullptr, 401},
-        {"/targets/t/content/clip/preparecontent", "key-123", 200},
-        {"/files/clip.mp4", nullptr, 200},
-        {"/archive/targets.zip", nullptr, 200},
+    const auto key = [](const char* value) { return httplib::Headers{{"appkey", value}}; };
+    const auto refused = "appkey does not match";
+    expect({{"/configuration", 401, refused},
+            {"/configuration", 401, refused, "", key("key-12")},
+            {"/configuration", 200, {}, "", key("key-123")},
+            {"/prepareTargetsForDownload", 401, refused, "", key("KEY-123")},
+            {"/prepareTargetsForDownload", 200, {}, "", key("key-123")},
+            {"/targets/t/content/clip/preparecontent", 401, refused},
+            {"/targets/t/content/clip/preparecontent", 200, "/files/clip.mp4", "", key("key-123")},
+            {"/files/clip.mp4", 200},
+            {"/archive/targets.zip", 200}});
+}
+
+TEST_F(DevServerTest, ArchiveIsHandedOutInEveryMode) {
+    const auto hostile = dir / "hostile.zip";
+    ASSERT_TRUE(writeFileAtomically(hostile, std::string("PK\x03\x04 not an archive")).has_value());
+    const std::tuple<ArchiveMode, ArchiveLength, std::optional<fs::path>> modes[] = {
+        {ArchiveMode::Body, ArchiveLength::Announced, std::nullopt},
+        {ArchiveMode::Url, ArchiveLength::Chunked, std::nullopt},
+        {ArchiveMode::Url, ArchiveLength::Announced, hostile},
     };
-    for (const auto& [path, key, status] : cases) {
-        const auto response =
-            get(path, key ? httplib::Headers{{"appkey", key}} : httplib::Headers{});
-        EXPECT_EQ(response->status, status) << path << " with appkey " << (key ? key : "-");
-        EXPECT_EQ(response->body == "appkey does not match", status == 401) << path;
-    }
-}
-
-TEST_F(DevServerTest, PrepareAnswers204OnlyForTheCurrentStamp) {
-    serve();
-    auto check = [&](std::vector<std::pair<const char*, int>> cases) {
-        for (const auto& [sent, status] : cases) {
-            const auto response =
-                get("/prepareTargetsForDownload",
-                    sent ? httplib::Headers{{"lastupdated", sent}} : httplib::Headers{});
-            EXPECT_EQ(response->status, status) << "lastupdated " << (sent ? sent : "<absent>");
-            EXPECT_EQ(response->body.empty(), status == 204);
-        }
-    };
-    check({{nullptr, 200}, {"rev-1", 204}, {"rev-0", 200}, {"REV-1", 200}});
-    write("configuration.json", configuration("rev-2"));
-    check({{"rev-1", 200}, {"rev-2", 204}});
-}
-
-TEST_F(DevServerTest, ArchiveHoldsTheVisibleTargetsAndFollowsTheirChanges) {
-    serve();
-    const auto first = get("/prepareTargetsForDownload");
-    EXPECT_EQ(first->get_header_value("Content-Type"), "application/zip");
-    EXPECT_EQ(first->get_header_value("Content-Length"), std::to_string(first->body.size()));
-    EXPECT_EQ(unpacked(first->body), targets());
-    EXPECT_TRUE(get("/prepareTargetsForDownload")->body == first->body) << "same revision";
-
-    write("targets/c.jpg", "third"); // a new image without a new stamp still counts
-    EXPECT_EQ(unpacked(get("/prepareTargetsForDownload")->body),
-              targets({"a.jpg", "b.png", "c.jpg"}));
-
-    fs::remove_all(project / "targets");
-    EXPECT_EQ(unpacked(get("/prepareTargetsForDownload")->body), targets({}))
-        << "a project without targets/ gets an empty archive";
-}
-
-TEST_F(DevServerTest, UrlModeHandsOutTheDownloadUrlWithOrWithoutContentLength) {
-    for (auto length : {ArchiveLength::Announced, ArchiveLength::Chunked}) {
-        const bool chunked = length == ArchiveLength::Chunked;
-        SCOPED_TRACE(chunked ? "chunked" : "with Content-Length");
-        serve({.archive = ArchiveMode::Url, .archiveLength = length});
-
-        const auto answer = get("/prepareTargetsForDownload");
-        EXPECT_EQ(answer->status, 200);
-        EXPECT_EQ(answer->body, server->baseUrl() + "/archive/targets.zip");
-
+    for (const auto& [mode, length, file] : modes) {
+        SCOPED_TRACE(file ? "from a file" : mode == ArchiveMode::Body ? "in the body" : "chunked");
+        serve({.archive = mode, .archiveLength = length, .archiveFile = file});
+        const auto prepared = get("/prepareTargetsForDownload");
         const auto download = get("/archive/targets.zip");
-        EXPECT_EQ(download->status, 200);
-        EXPECT_EQ(download->has_header("Content-Length"), !chunked);
+        const bool chunked = length == ArchiveLength::Chunked;
+        EXPECT_EQ(download->get_header_value("Content-Length"),
+                  chunked ? "" : std::to_string(download->body.size()));
         EXPECT_EQ(download->get_header_value("Transfer-Encoding"), chunked ? "chunked" : "");
-        EXPECT_EQ(unpacked(download->body), targets());
+        EXPECT_TRUE(prepared->body == (mode == ArchiveMode::Body
+                                           ? download->body
+                                           : server->baseUrl() + "/archive/targets.zip"));
+        if (file)
+            EXPECT_TRUE(download->body == contents(*file)) << "served byte for byte";
+        else
+            EXPECT_EQ(unpacked(download->body), (std::vector<std::string>{"a.jpg", "b.png"}));
     }
-}
-
-TEST_F(DevServerTest, PrepareContentPointsAtAFileServedWithItsType) {
-    write("files/a.m4a", "m4a");
-    write("files/b.wav", "wav");
-    write("files/c.mp3", "mp3");
-    write("files/d.png", "png");
-    write("files/e.bin", "bin");
-    serve();
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"clip", "/files/clip.mp4", "video/mp4"},
-        {"photo%20one", "/files/photo%20one.jpg", "image/jpeg"},
-        {"a", "/files/a.m4a", "audio/mp4"},
-        {"b", "/files/b.wav", "audio/wav"},
-        {"c", "/files/c.mp3", "audio/mpeg"},
-        {"d", "/files/d.png", "image/png"},
-        {"e", "/files/e.bin", "application/octet-stream"},
-    };
-    for (const auto& [contentId, path, type] : cases) {
-        const auto prepared =
-            get("/targets/t1/content/" + std::string(contentId) + "/preparecontent");
-        EXPECT_EQ(prepared->status, 200) << contentId;
-        EXPECT_EQ(prepared->body, path);
-        const auto media = get(prepared->body);
-        EXPECT_EQ(media->status, 200) << path;
-        EXPECT_EQ(media->get_header_value("Content-Type"), type) << path;
-    }
-    EXPECT_EQ(get("/targets/t1/content/clip.mp4/preparecontent")->body,
-              "no file named clip.mp4.* in files/");
-
-    const auto part = get("/files/clip.mp4", {{"Range", "bytes=10-14"}});
-    EXPECT_EQ(part->status, 206);
-    EXPECT_EQ(part->body, "abcde");
-
-    for (const auto* path : {"/targets/t1/content/missing/preparecontent", "/files/missing.jpg",
-                             "/files/..%2Fconfiguration.json", "/files/..", "/files/"})
-        EXPECT_EQ(get(path)->status, 404) << path;
 }
 
 TEST_F(DevServerTest, InjectedStatusReplacesTheAnswerOfItsEndpointOnly) {
-    const std::pair<Endpoint, const char*> endpoints[] = {
-        {Endpoint::Configuration, "/configuration"},
-        {Endpoint::PrepareTargets, "/prepareTargetsForDownload"},
-        {Endpoint::PrepareContent, "/targets/t/content/clip/preparecontent"},
-        {Endpoint::Files, "/files/clip.mp4"},
-        {Endpoint::Archive, "/archive/targets.zip"},
-    };
-    serve();
-    for (const auto& [faulty, _] : endpoints) {
-        server->setFault(faulty, {.status = 503});
-        for (const auto& [endpoint, path] : endpoints) {
-            const auto response = get(path);
-            EXPECT_EQ(response->status, endpoint == faulty ? 503 : 200)
-                << path << " while " << endpointName(faulty) << " is faulty";
-            EXPECT_EQ(response->body == "injected status 503", endpoint == faulty) << path;
-        }
-        server->setFault(faulty, {});
-    }
-    server->setFault(Endpoint::PrepareTargets, {.status = 204});
-    EXPECT_EQ(get("/prepareTargetsForDownload")->body, "") << "a 204 carries no body";
+    serve({.faults = {{Endpoint::Configuration, {.status = 500}},
+                      {Endpoint::PrepareTargets, {.status = 204}},
+                      {Endpoint::PrepareContent, {.status = 503}},
+                      {Endpoint::Files, {.status = 404}}}});
+    expect({{"/configuration", 500, "injected status 500"},
+            {"/prepareTargetsForDownload", 204, ""}, // a 204 carries no body
+            {"/targets/t/content/clip/preparecontent", 503, "injected status 503"},
+            {"/files/clip.mp4", 404, "injected status 404"},
+            {"/archive/targets.zip", 200}});
+    server->setFault(Endpoint::Archive, {.status = 502});
+    server->setFault(Endpoint::Files, {});
+    expect({{"/archive/targets.zip", 502, "injected status 502"}, {"/files/clip.mp4", 200}});
 }
 
 TEST_F(DevServerTest, CloseAfterSendsTheFullLengthThenDropsTheConnection) {
     serve({.archive = ArchiveMode::Url});
     const auto whole = get("/archive/targets.zip")->body;
     server->setFault(Endpoint::Archive, {.closeAfterBytes = 1000});
-
-    const auto [head, body] = rawGet(port, "/archive/targets.zip");
-    EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK")) << head;
-    EXPECT_NE(head.find("\r\nContent-Length: " + std::to_string(whole.size()) + "\r\n"),
-              std::string::npos)
-        << "the announced length is the whole archive's: " << head;
+    std::string length;
+    std::string body;
+    client->Get(
+        "/archive/targets.zip",
+        [&](const httplib::Response& head) {
+            length = head.get_header_value("Content-Length");
+            return true;
+        },
+        [&](const char* data, std::size_t size) {
+            body.append(data, size);
+            return true;
+        });
+    EXPECT_EQ(length, std::to_string(whole.size())) << "the announced length is the whole one";
     EXPECT_TRUE(body == whole.substr(0, 1000)) << body.size() << " bytes came";
 
-    // Chunked, the cut leaves out the terminating chunk.
+    // Chunked, the cut leaves out the terminating chunk: even an empty body is incomplete.
     serve({.archiveLength = ArchiveLength::Chunked,
            .faults = {{Endpoint::PrepareTargets, {.closeAfterBytes = 0}}}});
-    const auto [chunkedHead, chunkedBody] = rawGet(port, "/prepareTargetsForDownload");
-    EXPECT_NE(chunkedHead.find("Transfer-Encoding: chunked"), std::string::npos) << chunkedHead;
-    EXPECT_EQ(chunkedBody, "");
+    EXPECT_FALSE(get("/prepareTargetsForDownload"));
 }
 
 TEST_F(DevServerTest, DelayHoldsTheAnswerUntilStopCutsItShort) {
@@ -291,31 +235,15 @@ TEST_F(DevServerTest, DelayHoldsTheAnswerUntilStopCutsItShort) {
     answer.get();
 }
 
-TEST_F(DevServerTest, ArchiveFileIsServedByteForByteInPlaceOfTheTargets) {
-    const std::string hostile = "PK\x03\x04 not much of an archive";
-    ASSERT_TRUE(writeFileAtomically(dir / "hostile.zip", hostile).has_value());
-    for (auto mode : {ArchiveMode::Body, ArchiveMode::Url}) {
-        serve({.archive = mode, .archiveFile = dir / "hostile.zip"});
-        EXPECT_EQ(get("/archive/targets.zip")->body, hostile);
-        EXPECT_EQ(get("/prepareTargetsForDownload")->body == hostile, mode == ArchiveMode::Body);
-    }
-}
-
 TEST_F(DevServerTest, RequestLogRecordsMethodPathAndLowerCaseHeaders) {
     serve();
-    get("/prepareTargetsForDownload", {{"LastUpdated", "rev-0"}, {"appkey", "k"}});
-    get("/prepareTargetsForDownload", {{"appkey", "k"}});
-    get("/no/such/endpoint");
-
+    get("/no/such/endpoint", {{"LastUpdated", "rev-0"}, {"appkey", "k"}});
     const auto log = server->requests();
-    ASSERT_EQ(log.size(), 3u);
-    EXPECT_EQ(log[0].method, "GET");
-    EXPECT_EQ(log[0].path, "/prepareTargetsForDownload");
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].method + " " + log[0].path, "GET /no/such/endpoint");
     EXPECT_EQ(log[0].header("lastupdated"), "rev-0");
     EXPECT_EQ(log[0].header("appkey"), "k");
     EXPECT_EQ(log[0].header("remote_addr"), std::nullopt) << "only what the client sent";
-    EXPECT_EQ(log[1].header("lastupdated"), std::nullopt);
-    EXPECT_EQ(log[2].path, "/no/such/endpoint");
     server->clearRequests();
     EXPECT_TRUE(server->requests().empty());
 }
@@ -341,10 +269,11 @@ TEST_F(DevServerTest, StartFailsWithAClearErrorForAnUnservableFolderOrATakenPort
               "project folder not found: " + (dir / "nowhere").string());
 
     write("configuration.json", configuration("rev-1"));
-    serve();
-    DevServer second({.project = project, .port = port});
+    DevServer first({.project = project});
+    const auto port = first.start();
+    DevServer second({.project = project, .port = *port});
     EXPECT_EQ(second.start().error()->description(),
-              "bind(127.0.0.1:" + std::to_string(port) + "): Address already in use (98)");
+              "bind(127.0.0.1:" + std::to_string(*port) + "): Address already in use (98)");
 }
 
 } // namespace

@@ -5,60 +5,76 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
+#include <latch>
+#include <numeric>
+#include <poll.h>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 namespace pelkit {
 namespace {
 
+using namespace std::chrono_literals;
+
 TEST(DispatchQueue, RunsWorkOneAtATimeInSubmissionOrder) {
-    std::vector<int> order;
-    std::atomic<int> running{0};
-    bool overlapped = false;
+    std::vector<int> order, expected(1000);
+    std::iota(expected.begin(), expected.end(), 0);
     {
         DispatchQueue queue("test.serial");
-        for (int i = 0; i < 1000; ++i)
-            queue.async([&, i] {
-                if (running.fetch_add(1) != 0)
-                    overlapped = true;
-                order.push_back(i);
-                running.fetch_sub(1);
-            });
+        for (int i : expected)
+            queue.async([&order, i] { order.push_back(i); }); // a race if two ran at once
     } // destruction runs what was submitted, then joins
-    ASSERT_EQ(order.size(), 1000u);
-    for (int i = 0; i < 1000; ++i)
-        ASSERT_EQ(order[static_cast<std::size_t>(i)], i) << "work ran out of order";
-    EXPECT_FALSE(overlapped) << "a serial queue ran two items at once";
+    EXPECT_EQ(order, expected) << "work ran out of order";
 }
 
-TEST(DispatchQueue, KnowsWhetherTheCallerRunsOnIt) {
-    DispatchQueue queue("test.current");
-    DispatchQueue other("test.other");
-    bool onQueue = false, onOther = true;
-    queue.sync([&] {
-        onQueue = queue.isCurrent();
-        onOther = other.isCurrent();
-    });
-    EXPECT_TRUE(onQueue);
-    EXPECT_FALSE(onOther);
+TEST(DispatchQueue, ThrowingWorkIsReportedAndTheQueueGoesOn) {
+    test::LineCapture lines;
+    DispatchQueue queue("test.throwing");
+    queue.async([] { throw std::runtime_error("disk on fire"); });
+    queue.sync([] { throw 42; }); // returns although the item threw
+    bool ranAfter = false;
+    queue.sync([&] { ranAfter = queue.isCurrent(); });
+    DispatchQueue::main().async([] { throw std::logic_error("bad state"); });
+    DispatchQueue::main().drain();
+    EXPECT_TRUE(ranAfter) << "the queue stopped, or sync ran its work elsewhere";
     EXPECT_FALSE(queue.isCurrent());
+    EXPECT_EQ(lines.lines(),
+              (std::vector<std::string>{
+                  "DispatchQueue 'test.throwing': a work item threw: disk on fire",
+                  "DispatchQueue 'test.throwing': a work item threw a value that is not a "
+                  "std::exception",
+                  "DispatchQueue 'main': a work item threw: bad state"}));
 }
 
-TEST(DispatchQueue, SyncFromManyThreadsSeesEveryEarlierItemDone) {
-    DispatchQueue queue("test.sync");
-    int counter = 0; // touched only on the queue
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 100; ++i)
-                queue.sync([&] { ++counter; });
+TEST(DispatchQueue, AsyncAfterRunsNoEarlierThanTheDelayAndOnlyOnALiveQueue) {
+    DispatchQueue queue("test.delayed");
+    std::atomic<bool> ran{false}, droppedRan{false};
+    auto submitted = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point ranAt;
+    queue.asyncAfter(30ms, [&] {
+        ranAt = std::chrono::steady_clock::now();
+        ran = true;
+    });
+    // Due first, but its queue is gone by then (unless this machine took longer to destroy it).
+    auto dropDue = std::chrono::steady_clock::now() + 10ms;
+    DispatchQueue("test.dropped").asyncAfter(10ms, [&] { droppedRan = true; });
+    bool destroyedInTime = std::chrono::steady_clock::now() < dropDue;
+    ASSERT_TRUE(test::waitUntil([&] { return ran.load(); }));
+    EXPECT_GE(ranAt - submitted, 30ms);
+    EXPECT_FALSE(destroyedInTime && droppedRan) << "delayed work ran after its queue was destroyed";
+}
+
+TEST(DispatchQueue, GlobalQueueRunsItemsAtTheSameTime) {
+    // Each item waits for the other: on a serial queue the first would wait in vain.
+    std::latch bothStarted(2);
+    std::atomic<int> metTheOther{0};
+    for (int i = 0; i < 2; ++i)
+        DispatchQueue::global().async([&] {
+            bothStarted.count_down();
+            metTheOther += test::waitUntil([&] { return bothStarted.try_wait(); });
         });
-    for (auto& thread : threads)
-        thread.join();
-    int seen = 0;
-    queue.sync([&] { seen = counter; });
-    EXPECT_EQ(seen, 400);
+    EXPECT_TRUE(test::waitUntil([&] { return metTheOther == 2; }));
 }
 
 TEST(DispatchQueueDeathTest, SyncOnItsOwnQueueIsAFatalError) {
@@ -70,48 +86,51 @@ TEST(DispatchQueueDeathTest, SyncOnItsOwnQueueIsAFatalError) {
         "Fatal error: DispatchQueue::sync\\(\\): called on queue 'test.deadlock' from that queue");
 }
 
-TEST(MainQueue, RunsOnlyWhenDrainedAndOnTheDrainingThread) {
-    auto& main = DispatchQueue::main();
-    main.drain();
-    std::atomic<bool> ran{false};
-    bool wasCurrent = false;
-    std::thread poster([&] {
-        main.async([&] {
-            wasCurrent = DispatchQueue::main().isCurrent();
-            ran = true;
-        });
-    });
-    poster.join();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(ran) << "the main queue ran work without being drained";
+class MainQueue : public testing::Test {
+protected:
+    void SetUp() override { main.drain(); }
+    void TearDown() override { main.setWakeHandler(nullptr); }
+    bool readable() const {
+        pollfd entry{main.wakeDescriptor(), POLLIN, 0};
+        return ::poll(&entry, 1, 0) == 1;
+    }
+    DispatchQueue& main = DispatchQueue::main();
+};
+
+TEST_F(MainQueue, WakesItsOwnerOnEachSubmissionAndRunsOnlyWhenDrained) {
+    std::atomic<int> wakes{0};
+    main.setWakeHandler([&] { ++wakes; });
+    EXPECT_FALSE(readable());
+    bool ranOnMain = false;
+    std::jthread([&] { main.async([&] { ranOnMain = DispatchQueue::main().isCurrent(); }); });
+    EXPECT_EQ(wakes, 1);
+    EXPECT_TRUE(readable());
     EXPECT_EQ(main.drain(), 1u);
-    EXPECT_TRUE(ran);
-    EXPECT_TRUE(wasCurrent);
+    EXPECT_TRUE(ranOnMain);
+    EXPECT_FALSE(readable()) << "a drained queue still announces work";
+
+    // A loop that sleeps on its own events hears of delayed work when it falls due.
+    main.asyncAfter(1ms, [] {});
+    EXPECT_TRUE(test::waitUntil([&] { return wakes == 2 && readable(); }));
 }
 
-TEST(MainQueue, DrainUntilRunsWorkArrivingLater) {
-    auto& main = DispatchQueue::main();
-    std::atomic<int> done{0};
-    DispatchQueue worker("test.worker");
-    worker.async([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        DispatchQueue::main().async([&] { done = 1; });
-    });
-    EXPECT_TRUE(main.drainUntil([&] { return done == 1; }, std::chrono::seconds(10)));
-    EXPECT_FALSE(main.drainUntil([] { return false; }, std::chrono::milliseconds(10)));
-}
+TEST_F(MainQueue, LoopsBlockForWorkInsteadOfPolling) {
+    std::atomic<bool> done{false};
+    DispatchQueue::global().asyncAfter(30ms, [&] { main.async([&] { done = true; }); });
+    EXPECT_TRUE(main.drainUntil([&] { return done.load(); }, 10s));
 
-TEST(MainQueue, RunMainLoopStopsWhenAskedFromWork) {
-    DispatchQueue::main().async([] { DispatchQueue::main().async([] { stopMainLoop(); }); });
+    int asked = 0;
+    EXPECT_FALSE(main.drainUntil([&] { return ++asked > 100; }, 50ms));
+    EXPECT_LE(asked, 2) << "drainUntil asked its condition without any work arriving";
+
+    main.async([] { DispatchQueue::main().async([] { stopMainLoop(); }); });
     runMainLoop(); // returns only because the work above stops it
-    SUCCEED();
 }
 
 TEST(DispatchGroup, NotifiesOnceEveryMemberLeft) {
     DispatchGroup group;
     DispatchQueue queue("test.group");
-    std::atomic<int> finished{0};
-    std::atomic<int> finishedWhenNotified{-1};
+    std::atomic<int> finished{0}, finishedWhenNotified{-1};
     for (int i = 0; i < 3; ++i) {
         group.enter();
         queue.async([&] {
@@ -120,14 +139,8 @@ TEST(DispatchGroup, NotifiesOnceEveryMemberLeft) {
         });
     }
     group.notify(queue, [&] { finishedWhenNotified = finished.load(); });
-    EXPECT_TRUE(group.wait(std::chrono::seconds(10)));
-    ASSERT_TRUE(test::waitUntil([&] { return finishedWhenNotified != -1; }));
-    EXPECT_EQ(finishedWhenNotified, 3);
-
-    DispatchGroup busy;
-    busy.enter();
-    EXPECT_FALSE(busy.wait(std::chrono::milliseconds(10)));
-    busy.leave();
+    EXPECT_TRUE(group.wait(10s));
+    EXPECT_TRUE(test::waitUntil([&] { return finishedWhenNotified == 3; }));
 }
 
 } // namespace

@@ -7,18 +7,13 @@
 namespace pelkit {
 namespace {
 
-TEST(Error, PlainErrorDescribesItselfFromDomainAndCode) {
-    auto error = Error::make("statusCodeError", 404);
-    EXPECT_EQ(error->domain(), "statusCodeError");
-    EXPECT_EQ(error->code(), 404);
+TEST(Error, DescribesItselfFromDomainAndCodeOrByTheFailedCall) {
     std::ostringstream printed;
-    printed << *error;
+    printed << *Error::make("statusCodeError", 404);
     EXPECT_EQ(printed.str(), "The operation couldn't be completed. (statusCodeError error 404.)");
     EXPECT_EQ(Error::make("", 204)->description(),
               "The operation couldn't be completed. ( error 204.)");
-}
 
-TEST(Error, SystemErrorsNameTheCallAndTheCode) {
     auto error = Error::fromErrno("open(/nowhere)", ENOENT);
     EXPECT_EQ(error->domain(), "posix");
     EXPECT_EQ(error->code(), ENOENT);

@@ -26,25 +26,27 @@ TEST(CharacterPrefix, CountsUserPerceivedCharactersNotBytes) {
         {"regional indicator pair is one flag", flagFr + flagFr + "!", 2, flagFr + flagFr},
         {"two-byte letters", "\xC3\xA9\xC3\xA9\xC3\xA9", 2, "\xC3\xA9\xC3\xA9"},
         {"CR LF is one character", "a\r\nb", 2, "a\r\n"},
-        {"invalid bytes count one each",
-         "\xFF\xFE"
-         "abc",
-         3,
-         "\xFF\xFE"
-         "a"},
+        {"invalid bytes count one each", "\xFF\xFE!abc", 3, "\xFF\xFE!"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(characterPrefix(c.text, c.count), c.expected) << c.name;
 }
 
-TEST(DecodeUtf8Lossy, ReplacesEachInvalidByteAndKeepsValidText) {
-    EXPECT_EQ(decodeUtf8Lossy("http://h/x"), "http://h/x");
-    EXPECT_EQ(decodeUtf8Lossy("a\xFF"
-                              "b"),
-              "a\xEF\xBF\xBD"
-              "b");
-    EXPECT_EQ(decodeUtf8Lossy("\xC3"), "\xEF\xBF\xBD") << "a truncated sequence";
-    EXPECT_EQ(decodeUtf8Lossy("\xC3\xA9"), "\xC3\xA9");
+TEST(Text, ByteLevelConversionsKeepWhatTheyDoNotChange) {
+    struct Case {
+        std::string bytes, lossy, lower;
+    };
+    const Case cases[] = {
+        {"HTTP://h/X", "HTTP://h/X", "http://h/x"},
+        {"A\xFF!b", "A\xEF\xBF\xBD!b", "a\xFF!b"},
+        {"\xC3", "\xEF\xBF\xBD", "\xC3"},     // a truncated sequence
+        {"\xC3\x89", "\xC3\x89", "\xC3\x89"}, // only ASCII letters change case
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(decodeUtf8Lossy(c.bytes), c.lossy) << c.bytes;
+        EXPECT_EQ(asciiLowercase(c.bytes), c.lower) << c.bytes;
+        EXPECT_EQ(isValidUtf8(c.bytes), c.bytes == c.lossy) << c.bytes;
+    }
 }
 
 } // namespace

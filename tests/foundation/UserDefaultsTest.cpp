@@ -1,11 +1,11 @@
+#include <pelkit/foundation/Text.h>
 #include <pelkit/foundation/UserDefaults.h>
 
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <sys/resource.h>
+#include <cstdio>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -14,100 +14,79 @@
 namespace pelkit {
 namespace {
 
-using test::TempDir;
+class UserDefaultsTest : public testing::Test {
+protected:
+    test::TempDir dir;
+    std::filesystem::path file = dir / "defaults.json";
+    UserDefaults defaults{file};
+};
 
-// Runs `body` in a child process and returns its wait status.
-template <class Body> int inChildProcess(Body body) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        body();
-        ::_exit(0);
+TEST_F(UserDefaultsTest, StoresReplacesAndRemovesAnyBytes) {
+    const std::string latin1Key = "lastUpdated" + std::string("Caf\xE9-\xFF\x80", 7);
+    const std::pair<std::string, std::string> entries[] = {
+        {"lastUpdatedKEY", "2026-11-01T10:00:00Z"},
+        {"lastUpdatedKEY", ""}, // an empty string is a value, not a removal
+        {latin1Key, "2026-11-01T10:00:00Z"},
+        {"lastUpdated\xC3\xA9t\xC3\xA9", std::string("r\xE9v\0!", 5)},
+    };
+    for (const auto& [key, value] : entries) {
+        ASSERT_TRUE(defaults.set(key, value));
+        EXPECT_EQ(UserDefaults(file).string(key), value) << "not read back as stored: " << key;
     }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return status;
+    ASSERT_TRUE(defaults.set(latin1Key, std::nullopt));
+    EXPECT_EQ(UserDefaults(file).string(latin1Key), std::nullopt);
+    EXPECT_EQ(UserDefaults(file).string("lastUpdatedKEY"), "");
 }
 
-TEST(UserDefaults, StoresReplacesAndRemovesValues) {
-    TempDir dir;
-    UserDefaults defaults(dir / "prefs" / "defaults.json");
-    EXPECT_EQ(defaults.string("lastUpdatedKEY"), std::nullopt);
-    ASSERT_TRUE(defaults.set("lastUpdatedKEY", "2026-11-01T10:00:00Z"));
-    ASSERT_TRUE(defaults.set("lastUpdatedKEY", ""));
-    EXPECT_EQ(defaults.string("lastUpdatedKEY"), "") << "an empty string is a value, not a removal";
-    ASSERT_TRUE(defaults.set("lastUpdatedKEY", std::nullopt));
-    EXPECT_EQ(defaults.string("lastUpdatedKEY"), std::nullopt);
+TEST(UserDefaults, StandardStoreCannotBeAProjectDirectory) {
+    test::TempDir documents;
+    test::ScopedEnv env("PELKIT_DOCUMENTS_DIR", documents.path().string());
+    const auto& file = UserDefaults::standard().file();
+    EXPECT_EQ(file.parent_path(), documents.path());
+    auto name = file.filename().string();
+    EXPECT_NE(characterPrefix(name, 20), name) << "an app key's prefix can name " << name;
 }
 
-TEST(UserDefaults, ValuesSurviveTheProcessAndAreSeenByAnother) {
-    TempDir dir;
-    auto file = dir / "defaults.json";
-    int status = inChildProcess([&] {
-        UserDefaults writer(file);
-        if (!writer.set("lastUpdatedA", "rev-1"))
-            ::_exit(2);
-    });
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    UserDefaults reader(file);
-    EXPECT_EQ(reader.string("lastUpdatedA"), "rev-1");
-    status = inChildProcess([&] {
-        UserDefaults writer(file);
-        (void)writer.set("lastUpdatedB", "rev-2");
-    });
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(reader.string("lastUpdatedB"), "rev-2") << "a change by another process was missed";
-    EXPECT_EQ(reader.string("lastUpdatedA"), "rev-1") << "the other process dropped an older key";
+TEST_F(UserDefaultsTest, SeesWhatAnotherProcessWroteAndKeepsWhatItDidNot) {
+    ASSERT_TRUE(defaults.set("lastUpdatedA", "rev-1"));
+    std::fflush(stdout);
+    if (pid_t child = ::fork(); child == 0)
+        ::_exit(UserDefaults(file).set("lastUpdatedB", "rev-2") ? 0 : 1);
+    else
+        ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(defaults.string("lastUpdatedB"), "rev-2") << "a change by another process was missed";
+    EXPECT_EQ(defaults.string("lastUpdatedA"), "rev-1") << "the other process dropped an older key";
 }
 
-TEST(UserDefaults, ProcessKilledMidWriteLeavesThePreviousValues) {
-    TempDir dir;
-    auto file = dir / "defaults.json";
-    {
-        UserDefaults defaults(file);
-        ASSERT_TRUE(defaults.set("lastUpdatedA", "rev-1"));
-    }
-    // The child may write at most 4 KiB; the oversized write kills it with SIGXFSZ half-way.
-    int status = inChildProcess([&] {
-        struct rlimit limit {
-            4096, 4096
-        };
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        UserDefaults defaults(file);
-        (void)defaults.set("lastUpdatedA", std::string(1 << 20, 'x'));
-    });
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the child was expected to die during its write";
-    EXPECT_EQ(WTERMSIG(status), SIGXFSZ);
-    EXPECT_EQ(UserDefaults(file).string("lastUpdatedA"), "rev-1");
-}
-
-TEST(UserDefaults, ConcurrentWritersInOneProcessLoseNothing) {
-    TempDir dir;
-    UserDefaults defaults(dir / "defaults.json");
-    std::vector<std::thread> threads;
+TEST_F(UserDefaultsTest, ConcurrentWritersInOneProcessLoseNothing) {
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i)
-                ASSERT_TRUE(defaults.set("k" + std::to_string(t) + "-" + std::to_string(i),
-                                         std::to_string(i)));
+            for (int key = t * 100; key < t * 100 + 10; ++key)
+                ASSERT_TRUE(defaults.set(std::to_string(key), "v"));
         });
-    for (auto& thread : threads)
-        thread.join();
-    UserDefaults fresh(dir / "defaults.json");
-    for (int t = 0; t < 4; ++t)
-        for (int i = 0; i < 25; ++i)
-            ASSERT_EQ(fresh.string("k" + std::to_string(t) + "-" + std::to_string(i)),
-                      std::to_string(i));
+    threads.clear();
+    UserDefaults fresh(file);
+    for (int key = 0; key < 400; ++key)
+        ASSERT_EQ(fresh.string(std::to_string(key)),
+                  key % 100 < 10 ? std::optional<std::string>("v") : std::nullopt);
 }
 
-TEST(UserDefaults, UnwritableStoreKeepsTheValueInMemoryAndSaysWhy) {
-    TempDir dir;
-    std::filesystem::create_directory(dir / "defaults.json"); // a directory where the file goes
-    UserDefaults defaults(dir / "defaults.json");
-    auto result = defaults.set("key", "value");
+TEST_F(UserDefaultsTest, FailedReadOrWriteKeepsEveryValueAndSaysWhy) {
+    ASSERT_TRUE(defaults.set("lastUpdatedA", "rev-1"));
+    // A directory where the file goes: reading it fails, and so does replacing it.
+    std::filesystem::remove(file);
+    std::filesystem::create_directory(file);
+    EXPECT_EQ(defaults.string("lastUpdatedA"), "rev-1") << "a failed read dropped the values";
+    auto result = defaults.set("lastUpdatedB", "rev-2");
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error()->domain(), "posix");
-    EXPECT_EQ(defaults.string("key"), "value");
+    EXPECT_EQ(defaults.string("lastUpdatedB"), "rev-2");
+
+    // A store that was deleted (with the projects, say) is empty, not brought back.
+    std::filesystem::remove(file);
+    ASSERT_TRUE(defaults.set("lastUpdatedC", "rev-3"));
+    EXPECT_EQ(UserDefaults(file).string("lastUpdatedA"), std::nullopt);
 }
 
 } // namespace

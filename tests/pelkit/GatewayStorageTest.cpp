@@ -1,9 +1,16 @@
 // The gateway's request conventions and the storage's layout, against a real server and disk.
-#include "SyncTestSupport.h"
-
 #include <pelkit/PELGateway.h>
+#include <pelkit/PELStorage.h>
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/net/HttpSession.h>
 
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <fstream>
 #include <future>
 
 namespace pelkit::test {
@@ -19,33 +26,26 @@ ConfigurationResult fetch(const std::string& host) {
     return result.get_future().get();
 }
 
-TEST(PELGateway, HostIsJoinedToThePathAsItIs) {
+TEST(PELGateway, JoinsHostAndPathAsTheyAreAndReportsTransportFailures) {
     HttpTestServer server;
     std::string seenPath;
-    server.server.set_pre_routing_handler(
-        [&](const httplib::Request& request, httplib::Response& res) {
-            seenPath = request.path;
-            res.set_content("", "application/json"); // 200 with an empty body
-            return httplib::Server::HandlerResponse::Handled;
-        });
+    server.server.set_pre_routing_handler([&](const httplib::Request& request, auto& res) {
+        seenPath = request.path;
+        res.set_content("", "application/json"); // 200 with an empty body
+        return httplib::Server::HandlerResponse::Handled;
+    });
     server.start();
     auto result = fetch(server.baseUrl() + "/");
     EXPECT_EQ(seenPath, "//configuration");
     ASSERT_TRUE(result) << "an empty 200 body is a success with zero bytes";
     EXPECT_TRUE(result->empty());
-}
 
-TEST(PELGateway, RefusedConnectionIsANetworkErrorWithTheTransportError) {
-    HttpTestServer server;
-    server.start();
-    std::string host = server.baseUrl();
     server.server.stop(); // nothing listens on the port any more
     LineCapture lines;
-    auto result = fetch(host);
+    result = fetch(server.baseUrl());
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error().which(), PELError::Case::networkError);
-    EXPECT_EQ(result.error().payload()->domain(), net::kTransportErrorDomain)
-        << result.error().description();
+    EXPECT_EQ(result.error().payload()->domain(), net::kTransportErrorDomain);
     EXPECT_TRUE(lines.lines().empty());
 }
 
@@ -55,16 +55,28 @@ TEST(PELGatewayDeathTest, UnparsableHostIsAProgrammingError) {
                  "not a URL");
 }
 
-class PELStorageTest : public SyncFixture {};
+class PELStorageTest : public ::testing::Test {
+protected:
+    TempDir documents;
+    ScopedEnv documentsVariable{"PELKIT_DOCUMENTS_DIR", documents.path().string()};
+};
 
-TEST_F(PELStorageTest, TwentyCharacterPrefixNamesTheProjectDirectory) {
-    PELStorage storage("0123456789abcdefghijKLMNO");
-    EXPECT_EQ(storage.getConfigurationFilePath(),
-              documents.path() / "0123456789abcdefghij" / "configuration.json");
-    EXPECT_EQ(PELStorage("0123456789abcdefghijXLMNO").getConfigurationFilePath(),
-              storage.getConfigurationFilePath());
-    EXPECT_EQ(PELStorage("short").getConfigurationFilePath().parent_path().filename(), "short");
-    EXPECT_FALSE(std::filesystem::exists(storage.getConfigurationFilePath().parent_path()))
+TEST_F(PELStorageTest, PrefixOfTwentyCharactersNamesTheProjectDirectoryAsItIs) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"0123456789abcdefghijKLMNO", "0123456789abcdefghij"},
+        {"0123456789abcdefghijXLMNO", "0123456789abcdefghij"},
+        {"short", "short"},
+        {"...", "..."},
+        {" back\\slash ", " back\\slash "},
+        {"\xc3\xa9t\xc3\xa9-caf\xc3\xa9-0123456789-rest",
+         "\xc3\xa9t\xc3\xa9-caf\xc3\xa9-0123456789-"},
+    };
+    for (const auto& [key, directory] : cases) {
+        EXPECT_TRUE(checkAppKeyPrefix(key)) << key;
+        EXPECT_EQ(PELStorage(key).getConfigurationFilePath(),
+                  documents.path() / directory / "configuration.json");
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(documents.path()))
         << "computing the path must not create anything";
 }
 
@@ -73,11 +85,42 @@ TEST_F(PELStorageTest, SavingCreatesTheDirectoryAndReplacesTheFileWhole) {
     ASSERT_TRUE(storage.saveConfigurationDataToFile(bytesOf("first")));
     ASSERT_TRUE(storage.saveConfigurationDataToFile(bytesOf("second")));
     EXPECT_EQ(textOf(readFile(storage.getConfigurationFilePath()).value()), "second");
-    int files = 0;
-    for ([[maybe_unused]] auto& entry :
-         std::filesystem::directory_iterator(storage.getConfigurationFilePath().parent_path()))
-        ++files;
-    EXPECT_EQ(files, 1) << "a temporary file was left behind";
+    auto entries = std::filesystem::directory_iterator(documents / "key");
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 1) << "a temporary file was left";
+    EXPECT_FALSE(PELStorage("../key").saveConfigurationDataToFile(bytesOf("elsewhere")));
+}
+
+// Target names come from the server's configuration: whatever they say, only regular files of
+// reasonable size inside the project directory are read, and nothing blocks.
+TEST_F(PELStorageTest, TargetImagesAreReadOnlyFromInsideTheProjectDirectory) {
+    PELStorage storage("key");
+    const auto project = documents / "key";
+    std::filesystem::create_directories(project / "sub");
+    std::ofstream(project / "poster.jpg") << "image";
+    std::ofstream(documents / "outside.jpg") << "outside";
+    ASSERT_EQ(::mkfifo((project / "fifo").c_str(), 0644), 0);
+    std::ofstream(project / "huge.jpg").close();
+    std::filesystem::resize_file(project / "huge.jpg", kMaxTargetImageBytes + 1);
+    const std::string in = project.string() + "/";
+    const std::pair<std::string, std::string> cases[] = {
+        {"poster.jpg", "image"},
+        {"sub/.././/poster.jpg", "image"},
+        {"../outside.jpg", "appendingPathComponent(../outside.jpg): the name leaves the directory"},
+        {"sub/../../outside.jpg",
+         "appendingPathComponent(sub/../../outside.jpg): the name leaves the directory"},
+        {"/dev/zero", "open(" + in + "dev/zero): No such file or directory (2)"},
+        {"/proc/self/mem", "open(" + in + "proc/self/mem): No such file or directory (2)"},
+        {"fifo", "readRegularFile(" + in + "fifo): not a regular file"},
+        {"sub", "readRegularFile(" + in + "sub): not a regular file"},
+        {"", "readRegularFile(" + project.string() + "): not a regular file"},
+        {"huge.jpg", "readRegularFile(" + in + "huge.jpg): larger than 67108864 bytes"},
+        {std::string("a\0b", 3), "appendingPathComponent(a\\0b): the name holds a NUL character"},
+    };
+    for (const auto& [name, outcome] : cases) {
+        auto path = storage.getTargetImagePath(name);
+        auto bytes = path ? readTargetImage(*path) : std::unexpected(path.error());
+        EXPECT_EQ(bytes ? std::string(textOf(*bytes)) : bytes.error()->description(), outcome);
+    }
 }
 
 } // namespace

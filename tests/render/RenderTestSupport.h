@@ -9,30 +9,14 @@
 
 #include <glm/gtc/matrix_transform.hpp>
 
+#include <algorithm>
 #include <array>
-#include <cstdint>
 #include <memory>
-#include <ostream>
 
 namespace pelkit::test {
 
-/// One 8-bit RGBA pixel.
-struct Rgba {
-    std::array<std::uint8_t, 4> channels{};
-
-    constexpr Rgba() = default;
-    constexpr Rgba(int r, int g, int b, int a)
-        : channels{std::uint8_t(r), std::uint8_t(g), std::uint8_t(b), std::uint8_t(a)} {}
-    constexpr std::uint8_t operator[](int i) const { return channels[i]; }
-    constexpr std::uint8_t& operator[](int i) { return channels[i]; }
-    auto begin() const { return channels.begin(); }
-    auto end() const { return channels.end(); }
-    friend bool operator==(const Rgba&, const Rgba&) = default;
-    friend std::ostream& operator<<(std::ostream& out, const Rgba& c) {
-        return out << "(" << int(c[0]) << ", " << int(c[1]) << ", " << int(c[2]) << ", "
-                   << int(c[3]) << ")";
-    }
-};
+/// One 8-bit RGBA pixel, as ints so that tests can compute with it.
+using Rgba = std::array<int, 4>;
 
 /// A headless renderer, or a failed test that says what is missing.
 inline std::unique_ptr<render::Renderer> makeRenderer(glm::ivec2 size) {
@@ -46,9 +30,8 @@ inline std::unique_ptr<render::Renderer> makeRenderer(glm::ivec2 size) {
     return std::move(*renderer);
 }
 
-inline std::shared_ptr<image::Image> solidImage(int width, int height, Rgba c) {
-    return std::make_shared<image::Image>(image::Image::filled(
-        width, height, std::uint32_t{c[0]} << 24 | c[1] << 16 | c[2] << 8 | c[3]));
+inline void setPixel(image::Image& image, int x, int y, Rgba c) {
+    std::copy(c.begin(), c.end(), image.pixel(x, y));
 }
 
 /// An image of four quadrants: top-left, top-right, bottom-left, bottom-right.
@@ -56,11 +39,13 @@ inline std::shared_ptr<image::Image> quadrantImage(int width, int height,
                                                    const std::array<Rgba, 4>& colors) {
     auto image = std::make_shared<image::Image>(image::Image::filled(width, height));
     for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const Rgba& c = colors[(y < height / 2 ? 0 : 2) + (x < width / 2 ? 0 : 1)];
-            std::copy(c.begin(), c.end(), image->pixel(x, y));
-        }
+        for (int x = 0; x < width; ++x)
+            setPixel(*image, x, y, colors[(y < height / 2 ? 0 : 2) + (x < width / 2 ? 0 : 1)]);
     return image;
+}
+
+inline std::shared_ptr<image::Image> solidImage(int width, int height, Rgba c) {
+    return quadrantImage(width, height, {c, c, c, c});
 }
 
 inline Rgba pixelAt(const image::Image& image, int x, int y) {
@@ -88,12 +73,6 @@ inline render::Frame frameOf(std::shared_ptr<const image::Image> background,
     return frame;
 }
 
-/// A video source whose current frame the test sets (from the test's thread only).
-struct FrameSource : scene::VideoFrameSource {
-    std::shared_ptr<const image::Image> frame;
-    std::shared_ptr<const image::Image> currentFrame() const override { return frame; }
-};
-
 /// A node carrying a plane of `size` whose first material shows `contents`.
 inline std::shared_ptr<scene::Node> planeNode(glm::vec2 size, scene::MaterialContents contents) {
     auto plane = scene::Plane::create(size.x, size.y);
@@ -101,6 +80,10 @@ inline std::shared_ptr<scene::Node> planeNode(glm::vec2 size, scene::MaterialCon
     auto node = scene::Node::create();
     node->setGeometry(plane);
     return node;
+}
+
+inline std::shared_ptr<scene::Material> materialOf(const scene::Node& node) {
+    return node.geometry()->firstMaterial();
 }
 
 } // namespace pelkit::test

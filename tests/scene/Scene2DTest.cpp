@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 using namespace pelkit;
 using namespace pelkit::scene;
 
@@ -15,69 +13,13 @@ std::shared_ptr<const image::Image> picture(int width, int height) {
         image::Image{width, height, std::vector<uint8_t>(width * height * 4)});
 }
 
-// Where a point of a sprite's picture shows on a 1 x 1 plane whose material shows the scene.
-glm::vec2 onPlane(const Scene2D& scene, const Sprite& sprite, glm::vec2 pictureCoordinate) {
-    const glm::vec2 scenePoint = glm::vec2(sprite.imageToScene() * glm::vec3(pictureCoordinate, 1));
-    const glm::vec2 uv = texelForScenePoint(scenePoint) / scene.size();
-    return Plane::create(1, 1)->pointForTextureCoordinate(uv);
-}
-
-class FrameHolder : public VideoFrameSource {
-public:
-    std::shared_ptr<const image::Image> currentFrame() const override {
-        std::lock_guard lock(mutex_);
-        return frame_;
-    }
-    void show(std::shared_ptr<const image::Image> frame) {
-        std::lock_guard lock(mutex_);
-        frame_ = std::move(frame);
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<const image::Image> frame_;
+// A video source whose frame the test sets (from the test's thread only).
+struct FrameHolder : VideoFrameSource {
+    std::shared_ptr<const image::Image> frame;
+    std::shared_ptr<const image::Image> currentFrame() const override { return frame; }
 };
 
 } // namespace
-
-TEST(Scene2D, SceneRowsRunUpTheTextureSoOnlyAFlippedSpriteShowsUpright) {
-    const struct {
-        float yScale;
-        bool upright;
-    } cases[] = {{-1, true}, {1, false}};
-    for (auto c : cases) {
-        auto scene = Scene2D::create({600, 600});
-        auto button = Sprite::create(picture(100, 100));
-        button->setPosition({300, 300});
-        button->setYScale(c.yScale);
-        scene->addChild(button);
-        const glm::vec2 top = onPlane(*scene, *button, {0.5f, 0});
-        const glm::vec2 bottom = onPlane(*scene, *button, {0.5f, 1});
-        EXPECT_EQ(top.y > bottom.y, c.upright) << "yScale " << c.yScale;
-        EXPECT_NEAR(std::abs(top.y - bottom.y), 100.0f / 600, 1e-6);
-        EXPECT_NEAR(top.x, 0, 1e-6) << "the centred sprite stays centred";
-    }
-}
-
-TEST(Scene2D, TextureCornersMapToPlaneCorners) {
-    const struct {
-        glm::vec2 scenePoint;
-        glm::vec2 texel;
-        glm::vec2 planePoint;
-    } cases[] = {
-        {{0, 0}, {0, 0}, {-1, 0.5f}}, // scene bottom-left: first row, plane top-left
-        {{1280, 720}, {1280, 720}, {1, -0.5f}},
-        {{640, 180}, {640, 180}, {0, 0.25f}},
-    };
-    auto plane = Plane::create(2, 1);
-    for (auto c : cases) {
-        const glm::vec2 texel = texelForScenePoint(c.scenePoint);
-        EXPECT_EQ(texel, c.texel);
-        const glm::vec2 point = plane->pointForTextureCoordinate(texel / glm::vec2(1280, 720));
-        EXPECT_EQ(point, c.planePoint);
-        EXPECT_EQ(plane->textureCoordinateForPoint(point) * glm::vec2(1280, 720), texel);
-    }
-}
 
 TEST(Scene2D, SpriteScaleAndSizePlaceThePictureAroundItsCentre) {
     auto sprite = Sprite::create(picture(40, 20));
@@ -93,9 +35,9 @@ TEST(Scene2D, VideoSpriteShowsTheSourcesLatestFrame) {
     auto source = std::make_shared<FrameHolder>();
     std::shared_ptr<Sprite> video = VideoSprite::create(source, {1280, 720});
     EXPECT_EQ(video->currentImage(), nullptr) << "no frame before the first one is decoded";
-    auto frame = picture(1280, 720);
-    source->show(frame);
-    EXPECT_EQ(video->currentImage(), frame);
+    source->frame = picture(1280, 720);
+    EXPECT_EQ(video->currentImage(), source->frame);
+    EXPECT_EQ(video->picture(), SpritePicture(source)) << "the source, for fetching later";
     EXPECT_EQ(video->size(), glm::vec2(1280, 720));
 }
 

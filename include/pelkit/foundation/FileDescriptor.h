@@ -1,6 +1,11 @@
-// An owned POSIX file descriptor. Not thread-safe; one owner at a time.
+// An owned POSIX file descriptor, and whole writes to one. Not thread-safe; one owner at a time.
 #pragma once
 
+#include <pelkit/foundation/Error.h>
+
+#include <cstddef>
+#include <span>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -28,5 +33,9 @@ public:
 private:
     int fd_;
 };
+
+/// Writes every byte to `fd`, going on after short writes and interrupting signals. A failure is
+/// named after `name` (the file's path): "write(<name>): No space left on device (28)".
+[[nodiscard]] Result<> writeAll(int fd, std::span<const std::byte> bytes, std::string_view name);
 
 } // namespace pelkit

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <concepts>
 #include <cstddef>
 #include <expected>
 #include <iosfwd>
@@ -75,6 +76,11 @@ template <class T> using Decoded = std::expected<T, DecodingErrorPtr>;
 class JsonObject;
 class JsonArray;
 
+/// The types a JSON value decodes to.
+template <class T>
+concept JsonDecodable = std::same_as<T, std::string> || std::same_as<T, double> ||
+    std::same_as<T, bool> || std::same_as<T, JsonObject> || std::same_as<T, JsonArray>;
+
 /// One value of a parsed document, with the path that leads to it.
 ///
 ///     auto root = JsonValue::parse(bytesOf(R"({"id": "p1"})"));
@@ -90,7 +96,7 @@ public:
     /// The value as `T`: std::string, double, bool, JsonObject or JsonArray. Strict about JSON
     /// types: only strings are strings, only true/false are booleans; every JSON number (integer
     /// or not) is a double. Null is valueNotFound, any other JSON type typeMismatch.
-    template <class T> Decoded<T> decode() const;
+    template <JsonDecodable T> Decoded<T> decode() const;
 
     bool isNull() const;
     const CodingPath& codingPath() const { return path_; }
@@ -107,12 +113,6 @@ private:
     const nlohmann::json* value_;
     CodingPath path_;
 };
-
-template <> Decoded<std::string> JsonValue::decode<std::string>() const;
-template <> Decoded<double> JsonValue::decode<double>() const;
-template <> Decoded<bool> JsonValue::decode<bool>() const;
-template <> Decoded<JsonObject> JsonValue::decode<JsonObject>() const;
-template <> Decoded<JsonArray> JsonValue::decode<JsonArray>() const;
 
 /// A JSON object read key by key. Keys are matched exactly; keys that are never asked for are
 /// ignored.

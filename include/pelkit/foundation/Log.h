@@ -7,11 +7,15 @@
 
 namespace pelkit {
 
-/// Writes `line` and a line feed to standard output in one write.
+/// Writes `line` and a line feed to standard output through stdio, then flushes it, so the line
+/// comes after whatever the host wrote to standard output before.
 void printLine(std::string_view line);
 
-/// Where lines go instead of standard output (tests capture them). An empty sink restores
-/// standard output. Returns the sink that was installed before.
+/// Where lines go instead of standard output (tests capture them). The sink runs on the printing
+/// thread with no lock of the channel held, so it may take its own locks and wait for threads that
+/// print; it must be thread-safe.
+/// An empty sink restores standard output. Returns the sink that was installed before, once no
+/// thread runs it any more.
 using LineSink = std::function<void(std::string_view line)>;
 LineSink setLineSink(LineSink sink);
 

@@ -1,3 +1,4 @@
+// Text helpers over UTF-8 and ASCII. Thread-safe: pure functions.
 #pragma once
 
 #include <cstddef>
@@ -12,5 +13,13 @@ std::string characterPrefix(std::string_view text, std::size_t count);
 
 /// `bytes` as UTF-8 text with each invalid sequence replaced by U+FFFD.
 std::string decodeUtf8Lossy(std::string_view bytes);
+
+/// Whether `bytes` is well-formed UTF-8 (no overlong forms, surrogates or code points beyond
+/// U+10FFFF).
+bool isValidUtf8(std::string_view bytes);
+
+/// `text` with A to Z made lower case and every other byte left as it is, whatever the locale:
+/// for protocol names, header names and file extensions.
+std::string asciiLowercase(std::string_view text);
 
 } // namespace pelkit

@@ -13,7 +13,8 @@ namespace pelkit {
 
 /// Values are kept in one JSON file, rewritten atomically on every change, so they survive the
 /// process and a crash during a write leaves the previous file intact. Reads pick up changes that
-/// another process wrote since.
+/// another process wrote since; a file that cannot be read keeps the values last read. Keys and
+/// values are any bytes, UTF-8 or not, and come back exactly.
 ///
 ///     auto& defaults = UserDefaults::standard();
 ///     defaults.set("lastUpdatedABC", "2026-11-01T10:00:00Z");
@@ -25,8 +26,9 @@ public:
     UserDefaults(const UserDefaults&) = delete;
     UserDefaults& operator=(const UserDefaults&) = delete;
 
-    /// The store of the current documents directory, in documentsDirectory()/".pelkit"/
-    /// "defaults.json". The same directory always gives the same store.
+    /// The store of the current documents directory, in the file
+    /// documentsDirectory()/".pelkit-user-defaults.json". The same directory always gives the
+    /// same store.
     static UserDefaults& standard();
 
     const std::filesystem::path& file() const;

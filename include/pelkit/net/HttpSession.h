@@ -8,6 +8,7 @@
 #include <pelkit/net/Url.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -45,6 +46,13 @@ struct DataTaskResult {
     ErrorPtr error;
     std::optional<HttpResponse> response;
     std::optional<Bytes> body;
+};
+
+/// Settings fixed when a session is made.
+struct HttpSessionConfiguration {
+    /// The largest body a data task holds in memory; a longer one (announced or received) fails
+    /// the task with CURLE_FILESIZE_EXCEEDED. Download tasks stream to a file and have no limit.
+    std::size_t dataBodyLimit = std::size_t{64} << 20;
 };
 
 class HttpSession;
@@ -100,23 +108,27 @@ class HttpSession {
 public:
     using DataCompletion = std::function<void(DataTaskResult)>;
 
-    /// The process-wide session, with no delegate. Never destroyed.
+    /// The process-wide session, with no delegate and the default configuration. Never destroyed.
     static HttpSession& shared();
     /// A session whose download tasks report to `delegate` on a serial queue of its own. A null
     /// delegate is a fatal error.
-    static std::shared_ptr<HttpSession> create(std::shared_ptr<HttpSessionDelegate> delegate);
+    static std::shared_ptr<HttpSession> create(std::shared_ptr<HttpSessionDelegate> delegate,
+                                               HttpSessionConfiguration configuration = {});
 
     ~HttpSession();
     HttpSession(const HttpSession&) = delete;
     HttpSession& operator=(const HttpSession&) = delete;
 
-    /// A GET whose outcome goes to `completion` on the completion queue. Redirects are followed.
-    /// Only http and https are fetched; a relative URL or a header with a line break fails the
-    /// task. Creating a task in an invalidated session, or with a timeout that is not positive, is
-    /// a fatal error.
+    /// A GET whose outcome goes to `completion` on the completion queue. The path is sent as
+    /// written (dot segments included). Only http and https are fetched; a relative URL or a header
+    /// with a line break fails the task. Redirects (301, 302, 303, 307, 308) are followed up to 16
+    /// times, to http or https only and never from https to http; a redirect not followed is the
+    /// response. The request's headers go only to the scheme, host and port the request was made
+    /// for, so a redirect elsewhere carries none of them. Creating a task in an invalidated
+    /// session, or with a timeout that is not positive, is a fatal error.
     std::shared_ptr<HttpTask> dataTask(HttpRequest request, DataCompletion completion);
-    /// A GET whose body goes to a temporary file, reported to the delegate. A session without a
-    /// delegate cannot download: that is a fatal error.
+    /// A GET like `dataTask`'s whose body is written to a temporary file as it arrives, reported
+    /// to the delegate. A session without a delegate cannot download: that is a fatal error.
     std::shared_ptr<HttpTask> downloadTask(HttpRequest request);
 
     /// The serial queue that runs this session's data-task completions and delegate callbacks.
@@ -129,10 +141,10 @@ public:
     /// ignores it.
     void invalidateAndCancel();
 
-    class Impl;
-
 private:
-    explicit HttpSession(std::shared_ptr<HttpSessionDelegate> delegate);
+    class Impl;
+    HttpSession(std::shared_ptr<HttpSessionDelegate> delegate,
+                HttpSessionConfiguration configuration);
     std::shared_ptr<Impl> impl_;
 };
 

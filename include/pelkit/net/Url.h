@@ -12,7 +12,9 @@ namespace pelkit::net {
 /// A URL or relative reference (RFC 3986). Parsing accepts relative references such as
 /// "files/a.png" and rejects text with characters that must be escaped: space, '"', '<', '>',
 /// '\\', '^', '`', '{', '|', '}', control and non-ASCII characters, and '%' not followed by two
-/// hex digits. Brackets are allowed only around an IPv6 host, '#' only once.
+/// hex digits. Brackets are allowed only around an IPv6 host, '#' only once, and a port is digits
+/// only. Text before the first ':' is a scheme only when it is one (a letter, then letters, digits,
+/// '+', '-', '.'); otherwise the text is a relative reference: "127.0.0.1:8000/x" has no scheme.
 ///
 ///     auto url = Url::parse("https://example.com/targets.zip");
 ///     url->scheme();          // "https"

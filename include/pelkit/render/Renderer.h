@@ -1,6 +1,7 @@
 // Draws a camera image and a 3D scene with OpenGL ES 3. A renderer and its output are used from
 // one thread, the one that renders; they are not thread-safe. Scene objects may change on other
-// threads meanwhile: each frame is drawn under the scene lock.
+// threads meanwhile: each frame reads the scene in one step under the scene lock, then asks video
+// sources for frames, uploads textures and draws without holding it.
 #pragma once
 
 #include <pelkit/foundation/Error.h>

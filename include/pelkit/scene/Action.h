@@ -12,6 +12,7 @@ namespace pelkit::scene {
 
 class Action;
 using ActionPtr = std::shared_ptr<const Action>;
+struct ActionDefinition;
 
 /// A description of a change over time. Running it (`Node::runAction`, `Sprite::runAction`) makes
 /// a private run with its own progress, so one action can run on many targets at once.
@@ -56,14 +57,11 @@ public:
     /// Whether this action or one of its steps sets a texture.
     bool setsTexture() const;
 
-    struct Definition; // the action's kind and parameters; read by the scene's own runner
-
-    const Definition& definition() const { return *definition_; }
-
 private:
-    explicit Action(std::unique_ptr<const Definition> definition);
-    static ActionPtr make(Definition definition);
-    std::unique_ptr<const Definition> definition_;
+    explicit Action(std::unique_ptr<const ActionDefinition> definition);
+    static ActionPtr make(ActionDefinition definition);
+    std::unique_ptr<const ActionDefinition> definition_;
+    friend class ActionRun; // the scene's own runner reads the definition
 };
 
 } // namespace pelkit::scene

@@ -11,6 +11,7 @@
 #include <glm/vec2.hpp>
 
 #include <memory>
+#include <variant>
 #include <vector>
 
 namespace pelkit::scene {
@@ -66,6 +67,10 @@ private:
 /// index equal to scene y: the texture is the scene read bottom row first.
 glm::vec2 texelForScenePoint(glm::vec2 point);
 
+/// What a sprite shows: a still picture, or the source of a video's frames.
+using SpritePicture =
+    std::variant<std::shared_ptr<const image::Image>, std::shared_ptr<VideoFrameSource>>;
+
 /// A picture placed in a 2D scene: centred on `position` (its anchor point is its centre), `size`
 /// points wide and high before its x and y scales, drawn with `alpha`.
 class Sprite {
@@ -79,7 +84,11 @@ public:
     std::shared_ptr<const image::Image> texture() const;
     /// Changes the picture; the size stays as it is.
     void setTexture(std::shared_ptr<const image::Image> texture);
-    /// The picture to draw now: the texture, or for a video sprite the latest frame.
+    /// What the sprite shows, without fetching a frame: its texture, or a video sprite's source.
+    /// A renderer reads it with the rest of the scene under the scene lock and asks the source
+    /// for its frame after releasing the lock.
+    SpritePicture picture() const;
+    /// The picture to draw now: the texture, or for a video sprite the source's latest frame.
     std::shared_ptr<const image::Image> currentImage() const;
 
     glm::vec2 position() const;
@@ -111,8 +120,8 @@ public:
 
 protected:
     Sprite(std::shared_ptr<const image::Image> texture, glm::vec2 size);
-    /// The picture `currentImage()` returns; the texture unless a subclass shows something else.
-    virtual std::shared_ptr<const image::Image> doCurrentImage() const;
+    /// What `picture()` returns: the texture unless a subclass shows something else.
+    virtual SpritePicture doPicture() const;
 
 private:
     void updateActions(double time);
@@ -132,7 +141,7 @@ public:
 
 protected:
     VideoSprite(std::shared_ptr<VideoFrameSource> source, glm::vec2 size);
-    std::shared_ptr<const image::Image> doCurrentImage() const override;
+    SpritePicture doPicture() const override;
 
 private:
     std::shared_ptr<VideoFrameSource> source_; // never changes after construction

@@ -1,5 +1,5 @@
 // The producer of video frames that a material or a video sprite shows. Implemented by the media
-// module's players; called by the renderer on its own thread.
+// module's players; called by the renderer on its own thread, without the scene lock.
 #pragma once
 
 #include <pelkit/image/Image.h>
@@ -9,9 +9,11 @@
 namespace pelkit::scene {
 
 /// Something that has a latest video frame to show. Implementations must be thread-safe: the
-/// renderer asks for frames on its thread while playback runs on another. The renderer may call
-/// `currentFrame()` while holding the scene lock, so an implementation must not call into the
-/// scene from it, nor hold a lock of its own while it calls into the scene elsewhere.
+/// renderer asks for frames on its thread while playback runs on another. The renderer reads the
+/// scene under the scene lock and calls `currentFrame()` only after releasing it, so a source may
+/// publish frames from a thread that itself waits for the scene lock. `currentFrame()` should
+/// return at once: the media module's players publish their latest frame through an atomic
+/// shared pointer, never decoding on the caller's thread.
 class VideoFrameSource {
 public:
     virtual ~VideoFrameSource() = default;

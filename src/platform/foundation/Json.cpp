@@ -141,46 +141,31 @@ DecodingErrorPtr JsonValue::failure(DecodingError::Kind kind, std::string_view e
                                                      std::string(describe(value_->type())) + ".");
 }
 
-template <> Decoded<std::string> JsonValue::decode<std::string>() const {
-    if (value_->is_string())
-        return value_->get<std::string>();
-    return std::unexpected(
-        failure(isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch,
-                "a string"));
+template <JsonDecodable T> Decoded<T> JsonValue::decode() const {
+    // Every JSON number decodes as a double, integers too: the parser keeps them apart, but every
+    // number field is a 64-bit float.
+    static constexpr auto wanted = std::is_same_v<T, std::string>  ? json::value_t::string
+                                   : std::is_same_v<T, double>     ? json::value_t::number_float
+                                   : std::is_same_v<T, bool>       ? json::value_t::boolean
+                                   : std::is_same_v<T, JsonObject> ? json::value_t::object
+                                                                   : json::value_t::array;
+    bool matches =
+        wanted == json::value_t::number_float ? value_->is_number() : value_->type() == wanted;
+    if (!matches)
+        return std::unexpected(failure(isNull() ? DecodingError::Kind::valueNotFound
+                                                : DecodingError::Kind::typeMismatch,
+                                       describe(wanted)));
+    if constexpr (std::is_same_v<T, JsonObject> || std::is_same_v<T, JsonArray>)
+        return T(*this);
+    else
+        return value_->get<T>();
 }
 
-template <> Decoded<double> JsonValue::decode<double>() const {
-    // Integers too: the parser keeps them apart, but every number field is a 64-bit float.
-    if (value_->is_number())
-        return value_->get<double>();
-    return std::unexpected(
-        failure(isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch,
-                "a number"));
-}
-
-template <> Decoded<bool> JsonValue::decode<bool>() const {
-    if (value_->is_boolean())
-        return value_->get<bool>();
-    return std::unexpected(
-        failure(isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch,
-                "a boolean"));
-}
-
-template <> Decoded<JsonObject> JsonValue::decode<JsonObject>() const {
-    if (value_->is_object())
-        return JsonObject(*this);
-    return std::unexpected(
-        failure(isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch,
-                "an object"));
-}
-
-template <> Decoded<JsonArray> JsonValue::decode<JsonArray>() const {
-    if (value_->is_array())
-        return JsonArray(*this);
-    return std::unexpected(
-        failure(isNull() ? DecodingError::Kind::valueNotFound : DecodingError::Kind::typeMismatch,
-                "an array"));
-}
+template Decoded<std::string> JsonValue::decode<std::string>() const;
+template Decoded<double> JsonValue::decode<double>() const;
+template Decoded<bool> JsonValue::decode<bool>() const;
+template Decoded<JsonObject> JsonValue::decode<JsonObject>() const;
+template Decoded<JsonArray> JsonValue::decode<JsonArray>() const;
 
 bool JsonObject::contains(std::string_view key) const {
     return object_.value_->contains(key);

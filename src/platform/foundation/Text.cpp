@@ -61,4 +61,23 @@ std::string decodeUtf8Lossy(std::string_view bytes) {
     return out;
 }
 
+bool isValidUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        utf8proc_int32_t codepoint = 0;
+        utf8proc_ssize_t length = decodeOne(bytes, codepoint);
+        if (length <= 0)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(length));
+    }
+    return true;
+}
+
+std::string asciiLowercase(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return lower;
+}
+
 } // namespace pelkit

@@ -12,9 +12,12 @@
 #include <algorithm>
 #include <csetjmp>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include <jerror.h>
 #include <jpeglib.h>
@@ -23,18 +26,44 @@
 namespace pelkit::image {
 namespace {
 
-// Decoding refuses images larger than this, so that a few hostile header bytes cannot make us
-// allocate gigabytes. 8192 x 8192 is far beyond any target or content image.
-constexpr std::uint32_t maxDimension = 32768;
-constexpr std::uint64_t maxPixels = std::uint64_t{1} << 26;
-
 // A progressive JPEG can carry any number of scans, each one a full pass over the coefficients;
 // real encoders write at most a few dozen.
 constexpr int maxJpegScans = 500;
 
-bool decodableSize(std::uint64_t width, std::uint64_t height) {
-    return width > 0 && height > 0 && width <= maxDimension && height <= maxDimension &&
-           width * height <= maxPixels;
+// Every block costs at least one bit of Huffman-coded data, so even a flat grey image holds at most
+// eight blocks per byte, and each of its scans decodes at most eight blocks per byte. This bound
+// allows such an image 64 scans, and a photograph, whose blocks cost far more, hundreds.
+constexpr std::uint64_t maxJpegBlockDecodesPerByte = 512;
+
+// Deflate turns no byte into more than 1032.
+constexpr std::uint64_t maxDeflateRatio = 1032;
+
+ErrorPtr decodeError(DecodeFailure kind, std::string description) {
+    return Error::make("image", static_cast<int>(kind), std::move(description));
+}
+
+std::string sizeText(std::uint64_t width, std::uint64_t height) {
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
+// Checked before the pixels are allocated; `width * height` cannot overflow, as libpng caps each
+// side at a million and JPEG at 65535.
+std::optional<ErrorPtr> sizeRefusal(std::uint64_t width, std::uint64_t height,
+                                    const DecodeLimits& limits) {
+    if (width * height > limits.maxPixels) {
+        return decodeError(DecodeFailure::tooLarge, "image::decode: " + sizeText(width, height) +
+                                                        " pixels exceed the limit of " +
+                                                        std::to_string(limits.maxPixels));
+    }
+    return std::nullopt;
+}
+
+ErrorPtr tooFewBytes(std::uint64_t bytes, std::string_view what, std::uint64_t width,
+                     std::uint64_t height) {
+    return decodeError(DecodeFailure::tooCostly, "image::decode: " + std::to_string(bytes) +
+                                                     " bytes of " + std::string(what) +
+                                                     " cannot hold " + sizeText(width, height) +
+                                                     " pixels");
 }
 
 bool consistent(const Image& image) {
@@ -92,7 +121,16 @@ void pngWrite(png_structp png, png_bytep data, png_size_t length) {
 
 void pngFlush(png_structp) {}
 
-[[noreturn]] void pngFail(png_structp png, png_const_charp) {
+// What libpng said when it gave up, and during which call.
+struct PngFailure {
+    const char* call = "png_create_read_struct";
+    char message[128] = "out of memory";
+};
+
+[[noreturn]] void pngFail(png_structp png, png_const_charp message) {
+    if (auto* failure = static_cast<PngFailure*>(png_get_error_ptr(png))) {
+        std::snprintf(failure->message, sizeof failure->message, "%s", message);
+    }
     png_longjmp(png, 1);
 }
 
@@ -102,7 +140,8 @@ void pngWarn(png_structp, png_const_charp) {}
 
 class PngReader {
 public:
-    PngReader() : png_(png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, pngFail, pngWarn)) {
+    explicit PngReader(PngFailure* failure)
+        : png_(png_create_read_struct(PNG_LIBPNG_VER_STRING, failure, pngFail, pngWarn)) {
         if (png_ != nullptr) {
             info_ = png_create_info_struct(png_);
         }
@@ -148,16 +187,23 @@ private:
     png_infop info_ = nullptr;
 };
 
-// Stage: reads the header and asks libpng to deliver every colour type as 8-bit RGBA.
-bool readPngHeader(png_structp png, png_infop info, PngSource* source, png_uint_32* width,
-                   png_uint_32* height) {
+// Stage: reads the chunks up to the image data.
+bool readPngInfo(png_structp png, png_infop info, PngSource* source, PngFailure* failure) {
     if (setjmp(png_jmpbuf(png))) {
         return false;
     }
+    failure->call = "png_read_info";
     png_set_read_fn(png, source, pngRead);
-    png_set_user_limits(png, maxDimension, maxDimension);
     png_read_info(png, info);
+    return true;
+}
 
+// Stage: asks libpng to deliver every colour type as 8-bit RGBA.
+bool requestRgba(png_structp png, png_infop info, PngFailure* failure) {
+    if (setjmp(png_jmpbuf(png))) {
+        return false;
+    }
+    failure->call = "png_read_update_info";
     const int colorType = png_get_color_type(png, info);
     const int bitDepth = png_get_bit_depth(png, info);
     const bool hasTransparency = png_get_valid(png, info, PNG_INFO_tRNS) != 0;
@@ -181,39 +227,73 @@ bool readPngHeader(png_structp png, png_infop info, PngSource* source, png_uint_
     }
     png_set_interlace_handling(png);
     png_read_update_info(png, info);
-
-    *width = png_get_image_width(png, info);
-    *height = png_get_image_height(png, info);
-    return png_get_rowbytes(png, info) == static_cast<std::size_t>(*width) * 4;
+    if (png_get_rowbytes(png, info) != std::size_t{png_get_image_width(png, info)} * 4) {
+        png_error(png, "rows are not 8-bit RGBA");
+    }
+    return true;
 }
 
 // Stage: decodes all rows, then reads up to the end chunk so that a cut-off file is refused.
-bool readPngRows(png_structp png, png_bytepp rows) {
+bool readPngRows(png_structp png, png_bytepp rows, PngFailure* failure) {
     if (setjmp(png_jmpbuf(png))) {
         return false;
     }
+    failure->call = "png_read_image";
     png_read_image(png, rows);
+    failure->call = "png_read_end";
     png_read_end(png, nullptr);
     return true;
 }
 
-std::optional<Image> decodePng(const Bytes& data) {
-    PngReader reader;
+// The length of the compressed image data, summed over the IDAT chunk headers.
+std::uint64_t pngImageDataSize(const Bytes& data) {
+    std::uint64_t total = 0;
+    for (std::size_t at = 8; at + 8 <= data.size();) {
+        const std::uint32_t length = png_get_uint_32(data.data() + at);
+        const std::size_t present = std::min<std::size_t>(length, data.size() - at - 8);
+        if (std::memcmp(data.data() + at + 4, "IDAT", 4) == 0) {
+            total += present;
+        }
+        at += 12 + present;
+    }
+    return total;
+}
+
+ErrorPtr pngError(const PngFailure& failure) {
+    return decodeError(DecodeFailure::damaged, std::string(failure.call) + ": " + failure.message);
+}
+
+Result<Image> decodePng(const Bytes& data, const DecodeLimits& limits) {
+    PngFailure failure;
+    PngReader reader(&failure);
     if (!reader) {
-        return std::nullopt;
+        return std::unexpected(pngError(failure));
     }
     PngSource source{data.data(), data.size(), 0};
-    png_uint_32 width = 0;
-    png_uint_32 height = 0;
-    if (!readPngHeader(reader.png(), reader.info(), &source, &width, &height) ||
-        !decodableSize(width, height)) {
-        return std::nullopt;
+    if (!readPngInfo(reader.png(), reader.info(), &source, &failure)) {
+        return std::unexpected(pngError(failure));
+    }
+    const png_uint_32 width = png_get_image_width(reader.png(), reader.info());
+    const png_uint_32 height = png_get_image_height(reader.png(), reader.info());
+    if (auto refusal = sizeRefusal(width, height, limits)) {
+        return std::unexpected(*refusal);
+    }
+    // Refused before the pixels are allocated: a header alone cannot make us zero-fill an image.
+    const std::uint64_t pixelBits = std::uint64_t{width} * height *
+                                    png_get_channels(reader.png(), reader.info()) *
+                                    png_get_bit_depth(reader.png(), reader.info());
+    const std::uint64_t compressed = pngImageDataSize(data);
+    if (pixelBits / 8 > compressed * maxDeflateRatio) {
+        return std::unexpected(tooFewBytes(compressed, "PNG image data", width, height));
+    }
+    if (!requestRgba(reader.png(), reader.info(), &failure)) {
+        return std::unexpected(pngError(failure));
     }
     Image image{static_cast<int>(width), static_cast<int>(height),
                 std::vector<std::uint8_t>(std::size_t{width} * height * 4)};
     auto rows = rowPointers(image.rgba.data(), image.width, image.height);
-    if (!readPngRows(reader.png(), rows.data())) {
-        return std::nullopt;
+    if (!readPngRows(reader.png(), rows.data(), &failure)) {
+        return std::unexpected(pngError(failure));
     }
     return image;
 }
@@ -239,7 +319,8 @@ bool writePng(png_structp png, png_infop info, PngSink* sink, png_uint_32 width,
 struct JpegErrors {
     jpeg_error_mgr base; // first member: libjpeg hands back a pointer to it
     std::jmp_buf jump;
-    bool truncated;
+    const char* call;
+    const char* refusal; // our own reason for stopping, when the library had none
 };
 
 JpegErrors* errorsOf(j_common_ptr info) {
@@ -250,22 +331,50 @@ JpegErrors* errorsOf(j_common_ptr info) {
     std::longjmp(errorsOf(info)->jump, 1);
 }
 
-// libjpeg reports a cut-off stream only as a warning and fills the rest with grey; we refuse
-// such an image instead. Other warnings concern damage that the decoder has repaired.
+// libjpeg reports scan data that is cut off or ends early only as a warning and decodes zeros in
+// its place, so a few header bytes would give a whole grey image: we refuse such data instead.
+// Other warnings concern damage that the decoder has repaired.
 void jpegMessage(j_common_ptr info, int level) {
     if (level < 0) {
-        if (info->err->msg_code == JWRN_JPEG_EOF) {
-            errorsOf(info)->truncated = true;
+        const int code = info->err->msg_code;
+        if (code == JWRN_HIT_MARKER || code == JWRN_JPEG_EOF) {
+            info->err->error_exit(info);
         }
         info->err->num_warnings++;
     }
 }
 
-void jpegProgress(j_common_ptr info) {
-    if (info->is_decompressor &&
-        reinterpret_cast<j_decompress_ptr>(info)->input_scan_number > maxJpegScans) {
-        info->err->msg_code = JERR_NOT_COMPILED; // any code: the message is never printed
-        info->err->error_exit(info);
+[[noreturn]] void jpegRefuse(j_common_ptr info, const char* reason) {
+    errorsOf(info)->refusal = reason;
+    info->err->error_exit(info);
+    std::abort(); // error_exit jumps away
+}
+
+// Counts the blocks that the scans decode, so that scans without end over a large image stop.
+struct JpegProgress {
+    jpeg_progress_mgr base; // first member: libjpeg hands back a pointer to it
+    int scansCounted;
+    std::uint64_t blockDecodes;
+    std::uint64_t maxBlockDecodes;
+};
+
+void jpegProgress(j_common_ptr common) {
+    auto* info = reinterpret_cast<j_decompress_ptr>(common); // only decoding installs a monitor
+    auto* progress = reinterpret_cast<JpegProgress*>(info->progress);
+    if (info->input_scan_number == progress->scansCounted) {
+        return;
+    }
+    progress->scansCounted = info->input_scan_number;
+    for (int i = 0; i < info->comps_in_scan; ++i) {
+        const jpeg_component_info* component = info->cur_comp_info[i];
+        progress->blockDecodes +=
+            std::uint64_t{component->width_in_blocks} * component->height_in_blocks;
+    }
+    if (progress->scansCounted > maxJpegScans) {
+        jpegRefuse(common, "image::decode: JPEG has more than 500 scans");
+    }
+    if (progress->blockDecodes > progress->maxBlockDecodes) {
+        jpegRefuse(common, "image::decode: JPEG scans decode more than 512 blocks per byte");
     }
 }
 
@@ -319,11 +428,12 @@ void jpegSinkTerm(j_compress_ptr info) {
 // jpeg_destroy_* is safe on a zeroed or partly created object, so the owners destroy always.
 class JpegDecompressor {
 public:
-    JpegDecompressor() {
+    explicit JpegDecompressor(std::size_t dataSize) {
         info.err = jpeg_std_error(&errors.base);
         errors.base.error_exit = jpegFail;
         errors.base.emit_message = jpegMessage;
-        progress.progress_monitor = jpegProgress;
+        progress.base.progress_monitor = jpegProgress;
+        progress.maxBlockDecodes = dataSize * maxJpegBlockDecodesPerByte;
     }
     ~JpegDecompressor() { jpeg_destroy_decompress(&info); }
     JpegDecompressor(const JpegDecompressor&) = delete;
@@ -331,7 +441,7 @@ public:
 
     jpeg_decompress_struct info{};
     JpegErrors errors{};
-    jpeg_progress_mgr progress{};
+    JpegProgress progress{};
 };
 
 class JpegCompressor {
@@ -365,17 +475,29 @@ bool readJpegHeader(JpegDecompressor* decoder, const Bytes* data) {
     if (setjmp(decoder->errors.jump)) {
         return false;
     }
+    decoder->errors.call = "jpeg_create_decompress";
     jpeg_create_decompress(info);
-    info->progress = &decoder->progress;
+    info->progress = &decoder->progress.base;
     jpeg_mem_src(info, data->data(), data->size());
-    if (jpeg_read_header(info, TRUE) != JPEG_HEADER_OK) {
-        return false;
-    }
+    decoder->errors.call = "jpeg_read_header";
+    // With an image required, anything but a complete header is an error exit.
+    jpeg_read_header(info, TRUE);
     // libjpeg-turbo converts everything but four-channel images straight to RGBA; those we
     // convert ourselves after decoding.
     const bool fourChannel =
         info->jpeg_color_space == JCS_CMYK || info->jpeg_color_space == JCS_YCCK;
     info->out_color_space = fourChannel ? JCS_CMYK : JCS_EXT_RGBA;
+    return true;
+}
+
+// Stage: sets up decoding; a progressive image is read in full here, before its pixels exist.
+bool startJpeg(JpegDecompressor* decoder) {
+    jpeg_decompress_struct* info = &decoder->info;
+    if (setjmp(decoder->errors.jump)) {
+        return false;
+    }
+    decoder->errors.call = "jpeg_start_decompress";
+    jpeg_start_decompress(info);
     return true;
 }
 
@@ -385,18 +507,49 @@ bool readJpegScanlines(JpegDecompressor* decoder, std::uint8_t* pixels) {
     if (setjmp(decoder->errors.jump)) {
         return false;
     }
-    jpeg_start_decompress(info);
-    if (info->output_width != info->image_width || info->output_height != info->image_height ||
-        info->output_components != 4) {
-        return false;
-    }
+    decoder->errors.call = "jpeg_read_scanlines";
     const std::size_t stride = std::size_t{info->output_width} * 4;
     while (info->output_scanline < info->output_height) {
         JSAMPROW row = pixels + info->output_scanline * stride;
         jpeg_read_scanlines(info, &row, 1);
     }
+    decoder->errors.call = "jpeg_finish_decompress";
     jpeg_finish_decompress(info);
-    return !decoder->errors.truncated;
+    return true;
+}
+
+ErrorPtr jpegError(JpegDecompressor& decoder) {
+    if (decoder.errors.refusal != nullptr) {
+        return decodeError(DecodeFailure::tooCostly, decoder.errors.refusal);
+    }
+    char message[JMSG_LENGTH_MAX] = {};
+    decoder.errors.base.format_message(reinterpret_cast<j_common_ptr>(&decoder.info), message);
+    return decodeError(DecodeFailure::damaged,
+                       std::string(decoder.errors.call) + ": " + message + " (" +
+                           std::to_string(decoder.errors.base.msg_code) + ")");
+}
+
+// Refused before anything is allocated for the pixels. Every block of every component costs at
+// least one bit of Huffman-coded data, so the file's size bounds the image a header may declare.
+// Arithmetic coding has no such bound and is hardly ever used, so it is not read.
+std::optional<ErrorPtr> jpegRefusal(const jpeg_decompress_struct& info, std::size_t dataSize,
+                                    const DecodeLimits& limits) {
+    if (auto refusal = sizeRefusal(info.image_width, info.image_height, limits)) {
+        return refusal;
+    }
+    if (info.arith_code) {
+        return decodeError(DecodeFailure::unsupported,
+                           "image::decode: arithmetic-coded JPEGs are not supported");
+    }
+    std::uint64_t blocks = 0;
+    for (int c = 0; c < info.num_components; ++c) {
+        blocks +=
+            std::uint64_t{info.comp_info[c].width_in_blocks} * info.comp_info[c].height_in_blocks;
+    }
+    if (blocks > std::uint64_t{dataSize} * 8) {
+        return tooFewBytes(dataSize, "JPEG", info.image_width, info.image_height);
+    }
+    return std::nullopt;
 }
 
 // Adobe writes CMYK inverted (0 = full ink), which is what every four-channel JPEG in practice
@@ -415,18 +568,30 @@ void cmykToRgba(std::vector<std::uint8_t>& pixels, bool inverted) {
     }
 }
 
-std::optional<Image> decodeJpeg(const Bytes& data) {
-    JpegDecompressor decoder;
-    if (!readJpegHeader(&decoder, &data) ||
-        !decodableSize(decoder.info.image_width, decoder.info.image_height)) {
-        return std::nullopt;
+Result<Image> decodeJpeg(const Bytes& data, const DecodeLimits& limits) {
+    JpegDecompressor decoder(data.size());
+    if (!readJpegHeader(&decoder, &data)) {
+        return std::unexpected(jpegError(decoder));
+    }
+    if (auto refusal = jpegRefusal(decoder.info, data.size(), limits)) {
+        return std::unexpected(*refusal);
+    }
+    if (!startJpeg(&decoder)) {
+        return std::unexpected(jpegError(decoder));
+    }
+    const jpeg_decompress_struct& info = decoder.info;
+    if (info.output_width != info.image_width || info.output_height != info.image_height ||
+        info.output_components != 4) {
+        fatalError("image::decode(): libjpeg delivers " +
+                   sizeText(info.output_width, info.output_height) + " pixels with " +
+                   std::to_string(info.output_components) + " components");
     }
     Image image{static_cast<int>(decoder.info.image_width),
                 static_cast<int>(decoder.info.image_height),
                 std::vector<std::uint8_t>(std::size_t{decoder.info.image_width} *
                                           decoder.info.image_height * 4)};
     if (!readJpegScanlines(&decoder, image.rgba.data())) {
-        return std::nullopt;
+        return std::unexpected(jpegError(decoder));
     }
     if (decoder.info.out_color_space == JCS_CMYK) {
         cmykToRgba(image.rgba, decoder.info.saw_Adobe_marker != 0);
@@ -476,14 +641,15 @@ Image Image::filled(int width, int height, std::uint32_t fillRgba) {
     return image;
 }
 
-std::optional<Image> decode(const Bytes& data) {
+Result<Image> decode(const Bytes& data, const DecodeLimits& limits) {
     if (hasPrefix(data, {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'})) {
-        return decodePng(data);
+        return decodePng(data, limits);
     }
     if (hasPrefix(data, {0xff, 0xd8, 0xff})) {
-        return decodeJpeg(data);
+        return decodeJpeg(data, limits);
     }
-    return std::nullopt;
+    return std::unexpected(decodeError(DecodeFailure::unsupported,
+                                       "image::decode: neither a PNG nor a JPEG signature"));
 }
 
 std::optional<Bytes> encodePng(const Image& image) {

@@ -1,15 +1,23 @@
 // The one place that talks to libcurl. Each session owns a multi handle that only its worker thread
 // touches; other threads hand it work through a locked inbox and wake it with curl_multi_wakeup.
 // Results travel to the session's serial callback queue, so callbacks of one task arrive in order.
+// Redirects are followed here rather than by libcurl, which would send the request's headers (the
+// app key among them) to whatever host a redirect names.
 #include <pelkit/net/HttpSession.h>
+
+#include "Redirects.h"
+#include <pelkit/foundation/FileDescriptor.h>
+#include <pelkit/foundation/Text.h>
 
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -22,9 +30,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr long kMaxRedirects = 16;
-// A lying Content-Length must not make us reserve gigabytes up front; past this the body grows.
-constexpr curl_off_t kMaxReservation = curl_off_t{256} << 20;
+constexpr int kMaxRedirects = 16;
 constexpr int kIdlePollMilliseconds = 10'000;
 constexpr int kBusyPollMilliseconds = 1'000;
 
@@ -96,17 +102,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
 
     Result<> write(const char* data, std::size_t size) {
-        while (size > 0) {
-            auto written = ::write(fd_, data, size);
-            if (written < 0) {
-                if (errno == EINTR)
-                    continue;
-                return std::unexpected(Error::fromErrno("write(" + path_.string() + ")", errno));
-            }
-            data += written;
-            size -= static_cast<std::size_t>(written);
-        }
-        return {};
+        return writeAll(fd_, std::as_bytes(std::span(data, size)), path_.string());
     }
 
     Result<> close() {
@@ -125,15 +121,6 @@ private:
 enum class TaskKind { Data, Download };
 enum class TaskState { Suspended, Running, Completed };
 
-std::string lowerCased(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
-
 std::string_view trimmed(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
         text.remove_prefix(1);
@@ -148,13 +135,175 @@ bool isSafeHeaderText(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
 
+ErrorPtr appendHeaders(const std::map<std::string, std::string>& headers, HeaderList& list) {
+    for (const auto& [name, value] : headers) {
+        if (name.empty() || name.find(':') != std::string::npos || !isSafeHeaderText(name) ||
+            !isSafeHeaderText(value))
+            return curlError("curl_slist_append", CURLE_BAD_FUNCTION_ARGUMENT,
+                             "header '" + name + "' is not a single header line");
+        // "Name;" is libcurl's way of sending a header with an empty value.
+        std::string line = value.empty() ? name + ";" : name + ": " + value;
+        curl_slist* appended = curl_slist_append(list.get(), line.c_str());
+        if (!appended)
+            return curlError("curl_slist_append", CURLE_OUT_OF_MEMORY, "");
+        list.release();
+        list.reset(appended);
+    }
+    return nullptr;
+}
+
+std::string multiFailure(std::string_view call, CURLMcode code) {
+    return std::string(call) + ": " + curl_multi_strerror(code) + " (" + std::to_string(code) + ")";
+}
+
+// "HTTP/1.1 302 Found" gives 302; a line without a status gives 0.
+int statusOf(std::string_view statusLine) {
+    int status = 0;
+    if (auto space = statusLine.find(' '); space != std::string_view::npos)
+        std::from_chars(statusLine.data() + space + 1, statusLine.data() + statusLine.size(),
+                        status);
+    return status;
+}
+
+bool isRedirect(int status) {
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+struct UrlDeleter {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+using UrlHandle = std::unique_ptr<CURLU, UrlDeleter>;
+
+UrlHandle parsedUrl(std::string_view text) {
+    UrlHandle url(curl_url());
+    if (!url || curl_url_set(url.get(), CURLUPART_URL, std::string(text).c_str(), 0) != CURLUE_OK)
+        return nullptr;
+    return url;
+}
+
+std::optional<std::string> urlPart(CURLU* url, CURLUPart part, unsigned int flags = 0) {
+    char* text = nullptr;
+    if (curl_url_get(url, part, &text, flags) != CURLUE_OK)
+        return std::nullopt;
+    std::string out(text);
+    curl_free(text);
+    return out;
+}
+
+/// Scheme, host and port, compared so that "HTTP://Host" and "http://host:80" are one origin.
+struct Origin {
+    std::string scheme, host, port;
+    bool operator==(const Origin&) const = default;
+};
+
+std::optional<Origin> originOf(CURLU* url) {
+    auto scheme = urlPart(url, CURLUPART_SCHEME);
+    auto host = urlPart(url, CURLUPART_HOST);
+    auto port = urlPart(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+    if (!scheme || !host || !port)
+        return std::nullopt;
+    return Origin{asciiLowercase(*scheme), asciiLowercase(*host), *port};
+}
+
+/// Transfer state that only the worker thread touches while the transfer runs.
+struct Transfer {
+    EasyHandle easy;
+    HeaderList headers;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+    std::size_t bodyLimit = 0;
+    // Of the response being received; each redirect starts them again.
+    int status = 0;
+    std::map<std::string, std::string> responseHeaders;
+    int redirects = 0;
+    // Set at the end of a redirect's headers: the transfer stops there and goes on to this.
+    std::optional<RedirectStep> redirect;
+    curl_off_t expectedLength = -1;
+    bool bodyStarted = false;
+    Bytes body;
+    std::optional<TempFile> file;
+    std::int64_t totalWritten = 0;
+    Clock::time_point lastActivity;
+    // Why a callback stopped the transfer, when it was us rather than the network.
+    ErrorPtr callbackFailure;
+};
+
+// At the end of a response's headers: false when the transfer must stop before the body, for a
+// redirect to follow or for one redirect too many.
+bool continuesAfterHeaders(Transfer& transfer, const HttpRequest& request) {
+    auto location = transfer.responseHeaders.find("location");
+    if (!isRedirect(transfer.status) || location == transfer.responseHeaders.end())
+        return true;
+    char* answered = nullptr;
+    curl_easy_getinfo(transfer.easy.get(), CURLINFO_EFFECTIVE_URL, &answered);
+    auto step =
+        redirectStep(request.url.absoluteString(), answered ? answered : "", location->second);
+    // A redirect that is not followed is the answer.
+    if (!step)
+        return true;
+    if (transfer.redirects == kMaxRedirects) {
+        transfer.callbackFailure =
+            curlError("curl_easy_perform", CURLE_TOO_MANY_REDIRECTS,
+                      "Maximum (" + std::to_string(kMaxRedirects) + ") redirects followed");
+        return false;
+    }
+    transfer.redirect = std::move(step);
+    return false;
+}
+
+// The body grows in memory up to the session's limit; a longer one, announced or not, fails.
+ErrorPtr keepData(Transfer& transfer, const char* data, std::size_t length) {
+    const std::size_t limit = transfer.bodyLimit;
+    if ((transfer.expectedLength > 0 &&
+         static_cast<std::uint64_t>(transfer.expectedLength) > limit) ||
+        length > limit - transfer.body.size())
+        return curlError("curl_easy_perform", CURLE_FILESIZE_EXCEEDED,
+                         "the body exceeds the session's limit of " + std::to_string(limit) +
+                             " bytes");
+    if (transfer.body.capacity() == 0 && transfer.expectedLength > 0)
+        transfer.body.reserve(static_cast<std::size_t>(transfer.expectedLength));
+    transfer.body.insert(transfer.body.end(), data, data + length);
+    return nullptr;
+}
+
+HttpResponse responseOf(Transfer& transfer) {
+    long status = 0;
+    char* effectiveUrl = nullptr;
+    curl_off_t length = -1;
+    curl_easy_getinfo(transfer.easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(transfer.easy.get(), CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    return {static_cast<int>(status), effectiveUrl ? effectiveUrl : "",
+            std::move(transfer.responseHeaders), static_cast<std::int64_t>(length)};
+}
+
 } // namespace
 
-class Task;
+std::optional<RedirectStep> redirectStep(std::string_view requested, std::string_view answered,
+                                         std::string_view location) {
+    auto target = parsedUrl(answered);
+    if (!target)
+        return std::nullopt;
+    auto from = originOf(target.get());
+    // The flags libcurl itself resolves a Location with.
+    if (curl_url_set(target.get(), CURLUPART_URL, std::string(location).c_str(),
+                     CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_PATH_AS_IS) != CURLUE_OK)
+        return std::nullopt;
+    auto to = originOf(target.get());
+    auto url = urlPart(target.get(), CURLUPART_URL);
+    if (!from || !to || !url || (to->scheme != "http" && to->scheme != "https") ||
+        (from->scheme == "https" && to->scheme == "http"))
+        return std::nullopt;
+    auto first = parsedUrl(requested);
+    auto origin = first ? originOf(first.get()) : std::nullopt;
+    return RedirectStep{*url, origin == to ? RequestHeaders::Sent : RequestHeaders::Dropped};
+}
 
 class HttpSession::Impl : public std::enable_shared_from_this<Impl> {
 public:
-    Impl(HttpSession* owner, std::shared_ptr<HttpSessionDelegate> delegate, bool isShared);
+    class Task;
+
+    Impl(HttpSession* owner, std::shared_ptr<HttpSessionDelegate> delegate,
+         HttpSessionConfiguration configuration, bool isShared);
     ~Impl();
 
     void start();
@@ -168,28 +317,43 @@ public:
     DispatchQueue& queue() { return *queue_; }
     bool hasDelegate() const { return hasDelegate_; }
 
-    // Called from libcurl on the worker thread.
-    static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* task);
-    static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* task);
-
 private:
     enum class Invalidation { None, Finishing, Cancelling };
 
+    // The worker thread's loop and its steps.
     void run();
+    std::optional<Invalidation> acceptWork();
+    void performTransfers();
+    void reportInvalidation(Invalidation invalidation);
+    void poll();
+    int pollTimeout() const;
+
     void startTransfer(const std::shared_ptr<Task>& task);
     ErrorPtr configure(Task& task);
+    static ErrorPtr setOptions(Task& task);
     void finishTransfer(const std::shared_ptr<Task>& task, CURLcode code);
+    void followRedirect(const std::shared_ptr<Task>& task);
     void complete(const std::shared_ptr<Task>& task, ErrorPtr error);
+    std::optional<HttpResponse> detach(Task& task, const ErrorPtr& error);
+    void reportData(std::shared_ptr<Task> task, ErrorPtr error,
+                    std::optional<HttpResponse> response);
+    void reportDownload(std::shared_ptr<Task> task, ErrorPtr error,
+                        std::optional<HttpResponse> response);
     void cancelActive(std::uint64_t id);
     void expireIdleTransfers();
     void abandonAll();
-    int pollTimeout() const;
     void wake() { curl_multi_wakeup(multi_.get()); }
     bool onQueueThread() const { return std::this_thread::get_id() == queueThread_; }
+
+    // Called from libcurl on the worker thread.
+    static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* task);
+    static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* task);
+    ErrorPtr keepDownload(Task& task, const char* data, std::size_t length);
 
     HttpSession* const owner_;
     const bool isShared_;
     const bool hasDelegate_;
+    const HttpSessionConfiguration configuration_;
     // Read and released only on the callback queue, or by `destroy()` once the queue is past all
     // callbacks.
     std::shared_ptr<HttpSessionDelegate> delegate_;
@@ -213,26 +377,10 @@ private:
     bool invalidationReported_ = false;
 };
 
-/// Transfer state that only the worker thread touches while the transfer runs.
-struct Transfer {
-    EasyHandle easy;
-    HeaderList headers;
-    char errorBuffer[CURL_ERROR_SIZE] = {};
-    std::map<std::string, std::string> responseHeaders;
-    curl_off_t expectedLength = -1;
-    bool bodyStarted = false;
-    Bytes body;
-    std::optional<TempFile> file;
-    std::int64_t totalWritten = 0;
-    Clock::time_point lastActivity;
-    // Why a callback stopped the transfer, when it was us rather than the network.
-    ErrorPtr callbackFailure;
-};
-
-class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
+class HttpSession::Impl::Task final : public HttpTask, public std::enable_shared_from_this<Task> {
 public:
-    Task(std::weak_ptr<HttpSession::Impl> session, std::uint64_t id, TaskKind kind,
-         HttpRequest request, HttpSession::DataCompletion completion)
+    Task(std::weak_ptr<Impl> session, std::uint64_t id, TaskKind kind, HttpRequest request,
+         DataCompletion completion)
         : completion(std::move(completion)), session_(std::move(session)), id_(id), kind_(kind),
           request_(std::move(request)) {}
 
@@ -256,21 +404,21 @@ public:
     bool cancelledBeforeStart = false;
 
     // Moved out by whoever runs it: the callback queue.
-    HttpSession::DataCompletion completion;
+    DataCompletion completion;
     Transfer transfer;
-    HttpSession::Impl* impl = nullptr;
+    Impl* impl = nullptr;
 
 private:
-    std::weak_ptr<HttpSession::Impl> session_;
+    std::weak_ptr<Impl> session_;
     const std::uint64_t id_;
     const TaskKind kind_;
     const HttpRequest request_;
 };
 
 HttpSession::Impl::Impl(HttpSession* owner, std::shared_ptr<HttpSessionDelegate> delegate,
-                        bool isShared)
+                        HttpSessionConfiguration configuration, bool isShared)
     : owner_(owner), isShared_(isShared), hasDelegate_(delegate != nullptr),
-      delegate_(std::move(delegate)),
+      configuration_(configuration), delegate_(std::move(delegate)),
       queue_(std::make_unique<DispatchQueue>(isShared ? "net.shared-session" : "net.session")) {
     initializeCurl();
     multi_.reset(curl_multi_init());
@@ -391,61 +539,73 @@ void HttpSession::Impl::destroy() {
 }
 
 void HttpSession::Impl::run() {
-    for (;;) {
-        std::vector<std::shared_ptr<Task>> starting;
-        std::vector<std::uint64_t> cancelling;
-        Invalidation invalidation;
-        {
-            std::lock_guard lock(mutex_);
-            if (shutdown_)
-                break;
-            starting.swap(toStart_);
-            cancelling.swap(toCancel_);
-            invalidation = invalidation_;
-        }
-        for (auto& task : starting)
-            startTransfer(task);
-        for (auto id : cancelling)
-            cancelActive(id);
-        if (invalidation == Invalidation::Cancelling) {
-            while (!active_.empty())
-                complete(active_.begin()->second, cancellationError());
-        }
-
-        int running = 0;
-        if (auto code = curl_multi_perform(multi_.get(), &running); code != CURLM_OK)
-            fatalError(std::string("curl_multi_perform: ") + curl_multi_strerror(code) + " (" +
-                       std::to_string(code) + ")");
-        int queued = 0;
-        while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
-            if (message->msg != CURLMSG_DONE)
-                continue;
-            // The message dies with its handle's removal, so copy it out first.
-            CURL* easy = message->easy_handle;
-            CURLcode result = message->data.result;
-            if (auto found = active_.find(easy); found != active_.end())
-                finishTransfer(found->second, result);
-        }
-        expireIdleTransfers();
-
-        if (invalidation != Invalidation::None && active_.empty() && !invalidationReported_) {
-            invalidationReported_ = true;
-            queue_->async([self = shared_from_this()] {
-                if (self->destroyed_)
-                    return;
-                // Released after the callback: the session holds its delegate until here.
-                auto delegate = std::move(self->delegate_);
-                if (delegate)
-                    delegate->didBecomeInvalid(*self->owner_, nullptr);
-            });
-        }
-
-        if (auto code = curl_multi_poll(multi_.get(), nullptr, 0, pollTimeout(), nullptr);
-            code != CURLM_OK)
-            fatalError(std::string("curl_multi_poll: ") + curl_multi_strerror(code) + " (" +
-                       std::to_string(code) + ")");
+    while (auto invalidation = acceptWork()) {
+        performTransfers();
+        reportInvalidation(*invalidation);
+        poll();
     }
     abandonAll();
+}
+
+// Starts and cancels what other threads asked for; nothing once the session is shutting down.
+std::optional<HttpSession::Impl::Invalidation> HttpSession::Impl::acceptWork() {
+    std::vector<std::shared_ptr<Task>> starting;
+    std::vector<std::uint64_t> cancelling;
+    Invalidation invalidation;
+    {
+        std::lock_guard lock(mutex_);
+        if (shutdown_)
+            return std::nullopt;
+        starting.swap(toStart_);
+        cancelling.swap(toCancel_);
+        invalidation = invalidation_;
+    }
+    for (auto& task : starting)
+        startTransfer(task);
+    for (auto id : cancelling)
+        cancelActive(id);
+    if (invalidation == Invalidation::Cancelling) {
+        while (!active_.empty())
+            complete(active_.begin()->second, cancellationError());
+    }
+    return invalidation;
+}
+
+void HttpSession::Impl::performTransfers() {
+    int running = 0;
+    if (auto code = curl_multi_perform(multi_.get(), &running); code != CURLM_OK)
+        fatalError(multiFailure("curl_multi_perform", code));
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
+        if (message->msg != CURLMSG_DONE)
+            continue;
+        // The message dies with its handle's removal, so copy it out first.
+        CURL* easy = message->easy_handle;
+        CURLcode result = message->data.result;
+        if (auto found = active_.find(easy); found != active_.end())
+            finishTransfer(found->second, result);
+    }
+    expireIdleTransfers();
+}
+
+void HttpSession::Impl::reportInvalidation(Invalidation invalidation) {
+    if (invalidation == Invalidation::None || !active_.empty() || invalidationReported_)
+        return;
+    invalidationReported_ = true;
+    queue_->async([self = shared_from_this()] {
+        if (self->destroyed_)
+            return;
+        // Released after the callback: the session holds its delegate until here.
+        auto delegate = std::move(self->delegate_);
+        if (delegate)
+            delegate->didBecomeInvalid(*self->owner_, nullptr);
+    });
+}
+
+void HttpSession::Impl::poll() {
+    if (auto code = curl_multi_poll(multi_.get(), nullptr, 0, pollTimeout(), nullptr);
+        code != CURLM_OK)
+        fatalError(multiFailure("curl_multi_poll", code));
 }
 
 int HttpSession::Impl::pollTimeout() const {
@@ -472,10 +632,8 @@ void HttpSession::Impl::startTransfer(const std::shared_ptr<Task>& task) {
     }
     auto& transfer = task->transfer;
     if (auto code = curl_multi_add_handle(multi_.get(), transfer.easy.get()); code != CURLM_OK) {
-        complete(task,
-                 Error::make(kTransportErrorDomain, CURLE_FAILED_INIT,
-                             std::string("curl_multi_add_handle: ") + curl_multi_strerror(code) +
-                                 " (" + std::to_string(code) + ")"));
+        complete(task, Error::make(kTransportErrorDomain, CURLE_FAILED_INIT,
+                                   multiFailure("curl_multi_add_handle", code)));
         return;
     }
     transfer.lastActivity = Clock::now();
@@ -483,37 +641,28 @@ void HttpSession::Impl::startTransfer(const std::shared_ptr<Task>& task) {
 }
 
 ErrorPtr HttpSession::Impl::configure(Task& task) {
-    const auto& request = task.request();
+    const auto& text = task.request().url.absoluteString();
     auto& transfer = task.transfer;
-    const auto& text = request.url.absoluteString();
     // libcurl would guess "http://" for a bare name; a relative reference names no server.
-    if (request.url.scheme().empty())
+    if (task.request().url.scheme().empty())
         return curlError("curl_easy_setopt", CURLE_URL_MALFORMAT, "no scheme in '" + text + "'");
-
-    for (const auto& [name, value] : request.headers) {
-        if (name.empty() || name.find(':') != std::string::npos || !isSafeHeaderText(name) ||
-            !isSafeHeaderText(value))
-            return curlError("curl_slist_append", CURLE_BAD_FUNCTION_ARGUMENT,
-                             "header '" + name + "' is not a single header line");
-        // "Name;" is libcurl's way of sending a header with an empty value.
-        std::string line = value.empty() ? name + ";" : name + ": " + value;
-        curl_slist* appended = curl_slist_append(transfer.headers.get(), line.c_str());
-        if (!appended)
-            return curlError("curl_slist_append", CURLE_OUT_OF_MEMORY, "");
-        transfer.headers.release();
-        transfer.headers.reset(appended);
-    }
-
+    if (auto error = appendHeaders(task.request().headers, transfer.headers))
+        return error;
     if (task.kind() == TaskKind::Download) {
         auto file = TempFile::create();
         if (!file)
             return file.error();
         transfer.file.emplace(std::move(*file));
     }
-
+    transfer.bodyLimit = configuration_.dataBodyLimit;
     transfer.easy.reset(curl_easy_init());
     if (!transfer.easy)
         return curlError("curl_easy_init", CURLE_FAILED_INIT, "");
+    return setOptions(task);
+}
+
+ErrorPtr HttpSession::Impl::setOptions(Task& task) {
+    auto& transfer = task.transfer;
     CURL* easy = transfer.easy.get();
     CURLcode code = CURLE_OK;
     auto set = [&](CURLoption option, auto value) {
@@ -521,14 +670,16 @@ ErrorPtr HttpSession::Impl::configure(Task& task) {
             code = curl_easy_setopt(easy, option, value);
     };
     set(CURLOPT_ERRORBUFFER, transfer.errorBuffer);
-    set(CURLOPT_URL, text.c_str());
+    set(CURLOPT_URL, task.request().url.absoluteString().c_str());
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_HTTPGET, 1L);
+    // The path goes out as the server wrote it, dot segments included.
+    set(CURLOPT_PATH_AS_IS, 1L);
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    set(CURLOPT_FOLLOWLOCATION, 1L);
-    set(CURLOPT_MAXREDIRS, kMaxRedirects);
-    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
+    // libcurl would take our headers to any host a redirect names; `followRedirect` does not.
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(task.request().timeout.count()));
     set(CURLOPT_HTTPHEADER, transfer.headers.get());
     set(CURLOPT_HEADERFUNCTION, &Impl::onHeader);
     set(CURLOPT_HEADERDATA, static_cast<void*>(&task));
@@ -550,8 +701,12 @@ std::size_t HttpSession::Impl::onHeader(char* data, std::size_t size, std::size_
         // Each response of a redirect chain starts with its status line; keep the last one's.
         if (line.starts_with("HTTP/")) {
             transfer.responseHeaders.clear();
+            transfer.status = statusOf(line);
+        } else if (trimmed(line).empty()) {
+            if (!continuesAfterHeaders(transfer, task.request()))
+                return 0;
         } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
-            transfer.responseHeaders[lowerCased(trimmed(line.substr(0, colon)))] =
+            transfer.responseHeaders[asciiLowercase(trimmed(line.substr(0, colon)))] =
                 std::string(trimmed(line.substr(colon + 1)));
         }
     } catch (const std::exception& exception) {
@@ -573,45 +728,73 @@ std::size_t HttpSession::Impl::onBody(char* data, std::size_t size, std::size_t 
         curl_easy_getinfo(transfer.easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T,
                           &transfer.expectedLength);
     }
+    ErrorPtr failure;
     try {
-        if (task.kind() == TaskKind::Data) {
-            if (transfer.body.capacity() == 0 && transfer.expectedLength > 0)
-                transfer.body.reserve(
-                    static_cast<std::size_t>(std::min(transfer.expectedLength, kMaxReservation)));
-            transfer.body.insert(transfer.body.end(), data, data + length);
-            return length;
-        }
-        if (auto written = transfer.file->write(data, length); !written) {
-            transfer.callbackFailure =
-                curlError("curl_easy_perform", CURLE_WRITE_ERROR, written.error()->description());
-            return 0;
-        }
+        failure = task.kind() == TaskKind::Data ? keepData(transfer, data, length)
+                                                : task.impl->keepDownload(task, data, length);
     } catch (const std::exception& exception) {
-        transfer.callbackFailure =
-            curlError("curl_easy_perform", CURLE_WRITE_ERROR, exception.what());
+        failure = curlError("curl_easy_perform", CURLE_WRITE_ERROR, exception.what());
+    }
+    if (failure) {
+        transfer.callbackFailure = std::move(failure);
         return 0;
     }
+    return length;
+}
+
+// A download goes to its file as it arrives, so its size is bounded by the disk, not by memory.
+ErrorPtr HttpSession::Impl::keepDownload(Task& task, const char* data, std::size_t length) {
+    auto& transfer = task.transfer;
+    if (auto written = transfer.file->write(data, length); !written)
+        return curlError("curl_easy_perform", CURLE_WRITE_ERROR, written.error()->description());
     transfer.totalWritten += static_cast<std::int64_t>(length);
-    auto* impl = task.impl;
-    impl->queue_->async([self = impl->shared_from_this(), task = task.shared_from_this(),
-                         written = static_cast<std::int64_t>(length), total = transfer.totalWritten,
-                         expected = static_cast<std::int64_t>(transfer.expectedLength)] {
+    queue_->async([self = shared_from_this(), task = task.shared_from_this(),
+                   written = static_cast<std::int64_t>(length), total = transfer.totalWritten,
+                   expected = static_cast<std::int64_t>(transfer.expectedLength)] {
         if (self->destroyed_)
             return;
         self->delegate_->didWriteData(*self->owner_, *task, written, total, expected);
     });
-    return length;
+    return nullptr;
 }
 
 void HttpSession::Impl::finishTransfer(const std::shared_ptr<Task>& task, CURLcode code) {
     auto& transfer = task->transfer;
-    if (code == CURLE_OK) {
+    if (transfer.redirect) {
+        followRedirect(task);
+    } else if (code == CURLE_OK) {
         complete(task, nullptr);
     } else if (transfer.callbackFailure) {
         complete(task, transfer.callbackFailure);
     } else {
         complete(task, curlError("curl_easy_perform", code, transfer.errorBuffer));
     }
+}
+
+// Runs the same handle again for the next URL; the request's headers go along only to its origin.
+void HttpSession::Impl::followRedirect(const std::shared_ptr<Task>& task) {
+    auto& transfer = task->transfer;
+    auto step = std::move(*transfer.redirect);
+    transfer.redirect.reset();
+    ++transfer.redirects;
+    transfer.status = 0;
+    transfer.responseHeaders.clear();
+    CURL* easy = transfer.easy.get();
+    curl_multi_remove_handle(multi_.get(), easy);
+    curl_slist* headers = step.headers == RequestHeaders::Sent ? transfer.headers.get() : nullptr;
+    CURLcode code = curl_easy_setopt(easy, CURLOPT_URL, step.url.c_str());
+    if (code == CURLE_OK)
+        code = curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    if (code != CURLE_OK) {
+        complete(task, curlError("curl_easy_setopt", code, transfer.errorBuffer));
+        return;
+    }
+    if (auto added = curl_multi_add_handle(multi_.get(), easy); added != CURLM_OK) {
+        complete(task, Error::make(kTransportErrorDomain, CURLE_FAILED_INIT,
+                                   multiFailure("curl_multi_add_handle", added)));
+        return;
+    }
+    transfer.lastActivity = Clock::now();
 }
 
 void HttpSession::Impl::cancelActive(std::uint64_t id) {
@@ -637,54 +820,60 @@ void HttpSession::Impl::expireIdleTransfers() {
     }
 }
 
-// Ends a task: detaches its handle, gathers the response and queues the callbacks that report it.
+// Ends a task: detaches its transfer and queues the callbacks that report it.
 void HttpSession::Impl::complete(const std::shared_ptr<Task>& task, ErrorPtr error) {
     // Keeps the task alive while it leaves `active_`.
     auto keep = task;
-    auto& transfer = keep->transfer;
-    std::optional<HttpResponse> response;
-    if (CURL* easy = transfer.easy.get()) {
-        if (active_.erase(easy) > 0)
-            curl_multi_remove_handle(multi_.get(), easy);
-        if (!error) {
-            long status = 0;
-            char* effectiveUrl = nullptr;
-            curl_off_t length = -1;
-            curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-            curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
-            curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-            response = HttpResponse{static_cast<int>(status), effectiveUrl ? effectiveUrl : "",
-                                    std::move(transfer.responseHeaders),
-                                    static_cast<std::int64_t>(length)};
-        }
-        transfer.easy.reset();
-        transfer.headers.reset();
-    }
+    auto response = detach(*keep, error);
     {
         std::lock_guard lock(mutex_);
         keep->state = TaskState::Completed;
     }
+    if (keep->kind() == TaskKind::Data)
+        reportData(std::move(keep), std::move(error), std::move(response));
+    else
+        reportDownload(std::move(keep), std::move(error), std::move(response));
+}
 
-    if (keep->kind() == TaskKind::Data) {
-        DataTaskResult result;
-        if (error) {
-            result.error = std::move(error);
-        } else {
-            result.response = std::move(response);
-            result.body = std::move(transfer.body);
-        }
-        // The completion is moved out and run on the queue, so the worker never destroys what the
-        // caller captured in it.
-        queue_->async([self = shared_from_this(), task = keep,
-                       result = std::make_shared<DataTaskResult>(std::move(result))] {
-            if (self->destroyed_)
-                return;
-            auto completion = std::move(task->completion);
-            completion(std::move(*result));
-        });
-        return;
+// Takes the transfer off the multi handle, reading the response while the handle still has it.
+std::optional<HttpResponse> HttpSession::Impl::detach(Task& task, const ErrorPtr& error) {
+    auto& transfer = task.transfer;
+    CURL* easy = transfer.easy.get();
+    if (!easy)
+        return std::nullopt;
+    if (active_.erase(easy) > 0)
+        curl_multi_remove_handle(multi_.get(), easy);
+    std::optional<HttpResponse> response;
+    if (!error)
+        response = responseOf(transfer);
+    transfer.easy.reset();
+    transfer.headers.reset();
+    return response;
+}
+
+void HttpSession::Impl::reportData(std::shared_ptr<Task> task, ErrorPtr error,
+                                   std::optional<HttpResponse> response) {
+    DataTaskResult result;
+    if (error) {
+        result.error = std::move(error);
+    } else {
+        result.response = std::move(response);
+        result.body = std::move(task->transfer.body);
     }
+    // The completion is moved out and run on the queue, so the worker never destroys what the
+    // caller captured in it.
+    queue_->async([self = shared_from_this(), task = std::move(task),
+                   result = std::make_shared<DataTaskResult>(std::move(result))] {
+        if (self->destroyed_)
+            return;
+        auto completion = std::move(task->completion);
+        completion(std::move(*result));
+    });
+}
 
+void HttpSession::Impl::reportDownload(std::shared_ptr<Task> task, ErrorPtr error,
+                                       std::optional<HttpResponse> response) {
+    auto& transfer = task->transfer;
     std::shared_ptr<TempFile> file;
     if (transfer.file) {
         if (!error) {
@@ -698,7 +887,7 @@ void HttpSession::Impl::complete(const std::shared_ptr<Task>& task, ErrorPtr err
     if (error)
         response.reset();
     // Moved, not copied: the worker must hold no reference to the file once it is queued.
-    queue_->async([self = shared_from_this(), task = keep, file = std::move(file),
+    queue_->async([self = shared_from_this(), task = std::move(task), file = std::move(file),
                    error = std::move(error), response = std::move(response)]() mutable {
         if (self->destroyed_)
             return;
@@ -729,9 +918,10 @@ void HttpSession::Impl::abandonAll() {
 }
 
 // Only the shared session is made without a delegate; `create` insists on one.
-HttpSession::HttpSession(std::shared_ptr<HttpSessionDelegate> delegate) {
+HttpSession::HttpSession(std::shared_ptr<HttpSessionDelegate> delegate,
+                         HttpSessionConfiguration configuration) {
     const bool isShared = delegate == nullptr;
-    impl_ = std::make_shared<Impl>(this, std::move(delegate), isShared);
+    impl_ = std::make_shared<Impl>(this, std::move(delegate), configuration, isShared);
     impl_->start();
 }
 
@@ -741,14 +931,15 @@ HttpSession::~HttpSession() {
 
 HttpSession& HttpSession::shared() {
     // Leaked on purpose: completions may still arrive while the process exits.
-    static auto* session = new HttpSession(nullptr);
+    static auto* session = new HttpSession(nullptr, {});
     return *session;
 }
 
-std::shared_ptr<HttpSession> HttpSession::create(std::shared_ptr<HttpSessionDelegate> delegate) {
+std::shared_ptr<HttpSession> HttpSession::create(std::shared_ptr<HttpSessionDelegate> delegate,
+                                                 HttpSessionConfiguration configuration) {
     if (!delegate)
         fatalError("HttpSession::create(): a session needs a delegate");
-    return std::shared_ptr<HttpSession>(new HttpSession(std::move(delegate)));
+    return std::shared_ptr<HttpSession>(new HttpSession(std::move(delegate), configuration));
 }
 
 std::shared_ptr<HttpTask> HttpSession::dataTask(HttpRequest request, DataCompletion completion) {

@@ -1,6 +1,8 @@
 #include <pelkit/foundation/Error.h>
+#include <pelkit/foundation/Text.h>
 #include <pelkit/net/Url.h>
 
+#include <algorithm>
 #include <string_view>
 #include <system_error>
 
@@ -53,6 +55,14 @@ bool hasValidCharacters(std::string_view text) {
             return false;
     }
     return true;
+}
+
+// scheme = ALPHA *( ALPHA / DIGIT / "+" / "-" / "." )
+bool isScheme(std::string_view text) {
+    if (text.empty() || !isAlpha(text.front()))
+        return false;
+    return std::ranges::all_of(
+        text, [](char c) { return isAlpha(c) || isDigit(c) || c == '+' || c == '-' || c == '.'; });
 }
 
 bool hasBracket(std::string_view text) {
@@ -134,18 +144,12 @@ std::optional<Url> Url::parse(std::string_view text) {
         rest = rest.substr(0, question);
     }
 
-    // A scheme is letters, digits, '+', '-' and '.' before the first ':', starting with a letter.
-    // In a relative reference the first segment may not contain ':' (it would read as a scheme).
+    // Text before the first ':' of the first segment is a scheme only when it reads as one;
+    // otherwise the whole text is a relative reference ("127.0.0.1:8000/x" has no scheme).
     auto colon = rest.find(':');
     auto slash = rest.find('/');
-    if (colon != std::string_view::npos && (slash == std::string_view::npos || colon < slash)) {
-        auto scheme = rest.substr(0, colon);
-        if (scheme.empty() || !isAlpha(scheme.front()))
-            return std::nullopt;
-        for (char c : scheme) {
-            if (!isAlpha(c) && !isDigit(c) && c != '+' && c != '-' && c != '.')
-                return std::nullopt;
-        }
+    if (colon != std::string_view::npos && (slash == std::string_view::npos || colon < slash) &&
+        isScheme(rest.substr(0, colon))) {
         url.schemeEnd_ = colon;
         offset = colon + 1;
     }
@@ -193,12 +197,7 @@ Url Url::fileUrl(const std::filesystem::path& path) {
 }
 
 std::string Url::scheme() const {
-    std::string scheme = text_.substr(0, schemeEnd_);
-    for (char& c : scheme) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
-    return scheme;
+    return asciiLowercase(std::string_view(text_).substr(0, schemeEnd_));
 }
 
 std::string Url::host() const {

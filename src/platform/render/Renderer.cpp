@@ -2,11 +2,10 @@
 
 #include "Gl.h"
 #include "Shaders.h"
+#include "Snapshot.h"
 #include "Textures.h"
 
-#include <pelkit/scene/Geometry.h>
 #include <pelkit/scene/Scene2D.h>
-#include <pelkit/scene/SceneLock.h>
 
 #include <glm/gtc/matrix_transform.hpp>
 #include <glm/gtc/type_ptr.hpp>
@@ -28,21 +27,14 @@ using shaders::Sampling;
 // Frames a 2D scene's texture is kept while the scene is alive but not shown.
 constexpr std::uint64_t idleSceneFrames = 120;
 
-// One plane to draw this frame, with everything read from the scene while the lock is held.
+// A plane of the snapshot with what it is drawn with this frame.
 struct DrawItem {
-    glm::mat4 modelViewProjection{1};
-    glm::vec2 size{0};
-    float opacity = 1;
-    float depth = 0; // view-space z of the plane's centre; more negative is farther
-    std::shared_ptr<scene::Material> material;
-
+    PlaneSnapshot plane;
     Diffuse diffuse = Diffuse::color;
     glm::vec4 color{1};
     GLuint texture = 0;
     glm::ivec2 textureSize{0};
     const gl::Program* program = nullptr;
-    bool doubleSided = false;
-    std::map<std::string, scene::ShaderValue, std::less<>> values;
 };
 
 // A 2D scene's texture and the framebuffer that draws into it.
@@ -101,8 +93,8 @@ bool isPixelAligned(const DrawItem& item, glm::ivec2 viewport) {
     for (int i = 0; i < 4; ++i) {
         const glm::vec2 uv{static_cast<float>(i & 1), static_cast<float>(i >> 1)};
         const glm::vec4 clip =
-            item.modelViewProjection *
-            glm::vec4((uv.x - 0.5f) * item.size.x, (0.5f - uv.y) * item.size.y, 0, 1);
+            item.plane.modelViewProjection *
+            glm::vec4((uv.x - 0.5f) * item.plane.size.x, (0.5f - uv.y) * item.plane.size.y, 0, 1);
         if (!(clip.w > 0))
             return false;
         corners[i] = (glm::vec2(clip) / clip.w + 1.0f) * 0.5f * glm::vec2(viewport);
@@ -122,6 +114,24 @@ bool isPixelAligned(const DrawItem& item, glm::ivec2 viewport) {
 bool sameScene(const std::weak_ptr<scene::Scene2D>& a, const std::shared_ptr<scene::Scene2D>& b) {
     return !a.owner_before(b) && !b.owner_before(a) && !a.expired();
 }
+
+// The texture size of a 2D scene, one texel per point, or nothing for a size that cannot be one.
+std::optional<glm::ivec2> sceneTextureSize(glm::vec2 points, int largest) {
+    if (!std::isfinite(points.x) || !std::isfinite(points.y) || points.x < 0.5f ||
+        points.y < 0.5f || points.x > largest || points.y > largest)
+        return std::nullopt;
+    return glm::ivec2{static_cast<int>(std::lround(points.x)),
+                      static_cast<int>(std::lround(points.y))};
+}
+
+// The picture a sprite shows now. A video source is asked here, after the scene lock is gone.
+std::shared_ptr<const image::Image> imageOf(const scene::SpritePicture& picture) {
+    if (auto* source = std::get_if<std::shared_ptr<scene::VideoFrameSource>>(&picture))
+        return (*source)->currentFrame();
+    return std::get<std::shared_ptr<const image::Image>>(picture);
+}
+
+enum class Readiness { draw, leaveOut };
 
 } // namespace
 
@@ -145,43 +155,24 @@ struct Renderer::State {
     glm::ivec2 viewport{0}; // of the frame being drawn
     bool lastFrameOpaque = true;
 
+    bool topDown() const { return output->rowOrder() == RowOrder::topDown; }
     Result<const gl::Program*> planeProgram(Diffuse diffuse, Sampling sampling,
                                             const std::string& modifier);
-    Result<GLuint> sceneTexture(const std::shared_ptr<scene::Scene2D>& scene);
-    Result<void> drawFrame(const Frame& frame);
-    Result<void> prepare(DrawItem& item, ErrorPtr& firstError, bool& drawable);
+    Result<GLuint> sceneTexture(const SceneSnapshot& snapshot);
+    Result<void> allocateSceneTarget(SceneTarget& target, glm::ivec2 size);
+    Result<void> drawScene(const SceneTarget& target, const SceneSnapshot& snapshot);
+    Result<void> drawFrame(const Frame& frame, std::vector<PlaneSnapshot> planes);
+    Result<std::vector<const DrawItem*>> prepareAll(std::vector<DrawItem>& items,
+                                                    ErrorPtr& firstError);
+    Result<Readiness> prepare(DrawItem& item, ErrorPtr& firstError);
+    Result<Readiness> resolveContents(DrawItem& item);
+    Result<Readiness> useImage(DrawItem& item, const std::shared_ptr<const image::Image>& image);
+    Result<void> drawBackdrop(const Frame& frame);
     Result<bool> drawBackground(const std::shared_ptr<const image::Image>& image);
+    void drawPlanes(std::vector<const DrawItem*> items);
     void drawPlane(const DrawItem& item);
     void endFrame();
 };
-
-namespace {
-
-void collect(const std::shared_ptr<scene::Node>& node, float parentOpacity, const glm::mat4& view,
-             const glm::mat4& viewProjection, std::vector<DrawItem>& items) {
-    if (node->isHidden())
-        return;
-    const float opacity = parentOpacity * node->opacity();
-    if (!(opacity > 0))
-        return; // nothing below can show either
-    if (auto plane = std::dynamic_pointer_cast<scene::Plane>(node->geometry())) {
-        const glm::vec2 size{plane->width(), plane->height()};
-        if (std::isfinite(size.x) && std::isfinite(size.y) && size.x > 0 && size.y > 0) {
-            const glm::mat4 world = node->worldTransform();
-            DrawItem item;
-            item.modelViewProjection = viewProjection * world;
-            item.size = size;
-            item.opacity = std::min(opacity, 1.0f);
-            item.depth = (view * world * glm::vec4(0, 0, 0, 1)).z;
-            item.material = plane->firstMaterial();
-            items.push_back(std::move(item));
-        }
-    }
-    for (const auto& child : node->childNodes())
-        collect(child, opacity, view, viewProjection, items);
-}
-
-} // namespace
 
 Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse, Sampling sampling,
                                                          const std::string& modifier) {
@@ -202,150 +193,141 @@ Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse, Sampli
     return &*it->second;
 }
 
-Result<GLuint> Renderer::State::sceneTexture(const std::shared_ptr<scene::Scene2D>& scene) {
-    const glm::vec2 points = scene->size();
-    if (!std::isfinite(points.x) || !std::isfinite(points.y) || points.x < 0.5f ||
-        points.y < 0.5f || points.x > largestTexture || points.y > largestTexture)
+Result<GLuint> Renderer::State::sceneTexture(const SceneSnapshot& snapshot) {
+    const auto size = sceneTextureSize(snapshot.size, largestTexture);
+    if (!size)
         return 0;
-    // One texel per point.
-    const glm::ivec2 size{static_cast<int>(std::lround(points.x)),
-                          static_cast<int>(std::lround(points.y))};
-
-    SceneTarget& target = sceneTargets[scene.get()];
-    if (!sameScene(target.scene, scene)) {
+    const scene::Scene2D* key = snapshot.scene.get();
+    SceneTarget& target = sceneTargets[key];
+    if (!sameScene(target.scene, snapshot.scene)) {
         target = SceneTarget{};
-        target.scene = scene;
+        target.scene = snapshot.scene;
     }
     target.lastUsed = frameNumber;
-    if (target.drawn)
+    if (target.drawn) // by another plane this frame
         return target.texture.get();
-
-    if (!target.texture || target.size != size) {
-        auto texture = gl::createTexture(GL_RGBA8, size.x, size.y);
-        if (!texture)
-            return std::unexpected(texture.error());
-        ++sceneTargetAllocations;
-        target.texture = std::move(*texture);
-        target.size = size;
-        GLuint framebuffer = 0;
-        glGenFramebuffers(1, &framebuffer);
-        target.framebuffer = gl::Framebuffer(framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
-                               target.texture.get(), 0);
-        const GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
-        if (status != GL_FRAMEBUFFER_COMPLETE) {
-            sceneTargets.erase(scene.get());
-            return std::unexpected(gl::makeError("glCheckFramebufferStatus", status));
+    if (!target.texture || target.size != *size) {
+        if (auto allocated = allocateSceneTarget(target, *size); !allocated) {
+            sceneTargets.erase(key);
+            return std::unexpected(allocated.error());
         }
     }
+    if (auto drawn = drawScene(target, snapshot); !drawn)
+        return std::unexpected(drawn.error());
+    target.drawn = true;
+    return target.texture.get();
+}
 
+Result<void> Renderer::State::allocateSceneTarget(SceneTarget& target, glm::ivec2 size) {
+    auto texture = gl::createTexture(GL_RGBA8, size.x, size.y);
+    if (!texture)
+        return std::unexpected(texture.error());
+    ++sceneTargetAllocations;
+    target.texture = std::move(*texture);
+    target.size = size;
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    target.framebuffer = gl::Framebuffer(framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
+                           target.texture.get(), 0);
+    if (const GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
+        status != GL_FRAMEBUFFER_COMPLETE)
+        return std::unexpected(gl::makeError("glCheckFramebufferStatus", status));
+    return {};
+}
+
+Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSnapshot& snapshot) {
     // Framebuffer row y is texture row y, so texel coordinates are window coordinates here.
     glBindFramebuffer(GL_FRAMEBUFFER, target.framebuffer.get());
-    glViewport(0, 0, size.x, size.y);
+    glViewport(0, 0, target.size.x, target.size.y);
     glDisable(GL_DEPTH_TEST);
     glDisable(GL_CULL_FACE); // a negative scale mirrors a sprite; it is still drawn
-    const scene::Color background = scene->backgroundColor();
+    const scene::Color background = snapshot.background;
     const float alpha = std::clamp(background.alpha, 0.0f, 1.0f);
     glClearColor(background.red * alpha, background.green * alpha, background.blue * alpha, alpha);
     glClear(GL_COLOR_BUFFER_BIT);
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
     glUseProgram(spriteProgram.name.get());
-    glUniform2f(spriteProgram.location("pelkit_targetSize"), static_cast<float>(size.x),
-                static_cast<float>(size.y));
+    glUniform2f(spriteProgram.location("pelkit_targetSize"), static_cast<float>(target.size.x),
+                static_cast<float>(target.size.y));
     glUniform1f(spriteProgram.location("pelkit_channelMax"), 255.0f);
     glUniform1i(spriteProgram.location("pelkit_texture"), 0);
     const GLint cornersLocation = spriteProgram.location("pelkit_corners[0]");
     const GLint alphaLocation = spriteProgram.location("pelkit_alpha");
     glActiveTexture(GL_TEXTURE0);
-    for (const auto& sprite : scene->children()) {
-        if (sprite->isHidden() || !(sprite->alpha() > 0))
-            continue;
-        auto texture = textures.textureFor(sprite->currentImage());
+    for (const auto& sprite : snapshot.sprites) {
+        auto texture = textures.textureFor(imageOf(sprite.picture));
         if (!texture)
             return std::unexpected(texture.error());
         if (*texture == 0)
             continue;
-        const glm::mat3 imageToScene = sprite->imageToScene();
         glm::vec2 corners[4];
         for (int i = 0; i < 4; ++i) {
             const glm::vec3 picturePoint{static_cast<float>(i & 1), static_cast<float>(i >> 1), 1};
-            corners[i] = scene::texelForScenePoint(glm::vec2(imageToScene * picturePoint));
+            corners[i] = scene::texelForScenePoint(glm::vec2(sprite.imageToScene * picturePoint));
         }
         glUniform2fv(cornersLocation, 4, glm::value_ptr(corners[0]));
-        glUniform1f(alphaLocation, std::min(sprite->alpha(), 1.0f));
+        glUniform1f(alphaLocation, sprite.alpha);
         glBindTexture(GL_TEXTURE_2D, *texture);
         glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
     }
-    target.drawn = true;
-    return target.texture.get();
+    return {};
 }
 
-Result<void> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError, bool& drawable) {
-    drawable = true;
-    scene::MaterialContents contents;
-    std::string surfaceModifier;
-    if (item.material) {
-        contents = item.material->diffuseContents();
-        auto modifiers = item.material->shaderModifiers();
-        if (auto surface = modifiers.find(scene::ShaderEntryPoint::surface);
-            surface != modifiers.end())
-            surfaceModifier = std::move(surface->second);
-        item.doubleSided = item.material->isDoubleSided();
-        item.values = item.material->values();
+Result<Readiness> Renderer::State::useImage(DrawItem& item,
+                                            const std::shared_ptr<const image::Image>& image) {
+    auto texture = textures.textureFor(image);
+    if (!texture)
+        return std::unexpected(texture.error());
+    // An image that cannot be a texture leaves the surface in its default opaque white.
+    if (*texture != 0) {
+        item.texture = *texture;
+        item.diffuse = Diffuse::image;
+        item.textureSize = {image->width, image->height};
     }
+    return Readiness::draw;
+}
 
-    // Contents that cannot be shown leave the surface in its default opaque white.
-    auto useTexture = [&](Result<GLuint> texture, Diffuse diffuse,
-                          glm::ivec2 size) -> Result<void> {
+Result<Readiness> Renderer::State::resolveContents(DrawItem& item) {
+    const ContentsSnapshot& contents = item.plane.contents;
+    if (auto* color = std::get_if<scene::Color>(&contents)) {
+        item.color = {color->red, color->green, color->blue, color->alpha};
+    } else if (auto* image = std::get_if<std::shared_ptr<const image::Image>>(&contents)) {
+        return useImage(item, *image);
+    } else if (auto* scene = std::get_if<std::shared_ptr<const SceneSnapshot>>(&contents)) {
+        auto texture = sceneTexture(**scene);
         if (!texture)
             return std::unexpected(texture.error());
         if (*texture != 0) {
             item.texture = *texture;
-            item.diffuse = diffuse;
-            item.textureSize = size;
-        }
-        return {};
-    };
-    Result<void> resolved;
-    if (auto* color = std::get_if<scene::Color>(&contents)) {
-        item.color = {color->red, color->green, color->blue, color->alpha};
-    } else if (auto* image = std::get_if<std::shared_ptr<const image::Image>>(&contents)) {
-        if (*image)
-            resolved = useTexture(textures.textureFor(*image), Diffuse::image,
-                                  {(*image)->width, (*image)->height});
-    } else if (auto* scene = std::get_if<std::shared_ptr<scene::Scene2D>>(&contents)) {
-        if (*scene) {
-            auto texture = sceneTexture(*scene);
-            const auto target = sceneTargets.find(scene->get());
-            resolved =
-                useTexture(std::move(texture), Diffuse::sceneTexture,
-                           target == sceneTargets.end() ? glm::ivec2(0) : target->second.size);
+            item.diffuse = Diffuse::sceneTexture;
+            item.textureSize = sceneTargets.at((*scene)->scene.get()).size;
         }
     } else if (auto* video = std::get_if<std::shared_ptr<scene::VideoFrameSource>>(&contents)) {
         auto frame = *video ? (*video)->currentFrame() : nullptr;
-        if (!frame) {
-            drawable = false; // nothing decoded yet
-            return {};
-        }
-        resolved =
-            useTexture(textures.textureFor(frame), Diffuse::image, {frame->width, frame->height});
+        if (!frame)
+            return Readiness::leaveOut; // nothing decoded yet
+        return useImage(item, frame);
     }
-    if (!resolved)
-        return resolved;
+    return Readiness::draw;
+}
 
+Result<Readiness> Renderer::State::prepare(DrawItem& item, ErrorPtr& firstError) {
+    auto resolved = resolveContents(item);
+    if (!resolved || *resolved == Readiness::leaveOut)
+        return resolved;
     const Sampling sampling =
         isPixelAligned(item, viewport) ? Sampling::pixelAligned : Sampling::filtered;
-    auto program = planeProgram(item.diffuse, sampling, surfaceModifier);
+    auto program = planeProgram(item.diffuse, sampling, item.plane.surfaceModifier);
     if (!program) {
         if (!firstError)
             firstError = program.error();
-        drawable = false;
-        return {};
+        return Readiness::leaveOut;
     }
     item.program = *program;
-    return {};
+    return Readiness::draw;
 }
 
 Result<bool> Renderer::State::drawBackground(const std::shared_ptr<const image::Image>& image) {
@@ -354,7 +336,7 @@ Result<bool> Renderer::State::drawBackground(const std::shared_ptr<const image::
         return std::unexpected(texture.error());
     if (*texture == 0)
         return false;
-    const bool topDown = output->rowOrder() == RowOrder::topDown;
+    const bool topDown = this->topDown();
     const glm::ivec2 size = output->size();
     glDisable(GL_DEPTH_TEST);
     glDisable(GL_BLEND);
@@ -390,12 +372,13 @@ Result<bool> Renderer::State::drawBackground(const std::shared_ptr<const image::
 }
 
 void Renderer::State::drawPlane(const DrawItem& item) {
+    const PlaneSnapshot& plane = item.plane;
     const gl::Program& program = *item.program;
     glUseProgram(program.name.get());
     glUniformMatrix4fv(program.location("pelkit_modelViewProjection"), 1, GL_FALSE,
-                       glm::value_ptr(item.modelViewProjection));
-    glUniform2f(program.location("pelkit_size"), item.size.x, item.size.y);
-    glUniform1f(program.location("pelkit_opacity"), item.opacity);
+                       glm::value_ptr(plane.modelViewProjection));
+    glUniform2f(program.location("pelkit_size"), plane.size.x, plane.size.y);
+    glUniform1f(program.location("pelkit_opacity"), plane.opacity);
     if (item.diffuse == Diffuse::color) {
         glUniform4fv(program.location("pelkit_color"), 1, glm::value_ptr(item.color));
     } else {
@@ -407,10 +390,10 @@ void Renderer::State::drawPlane(const DrawItem& item) {
     for (const auto& [name, uniform] : program.uniforms) {
         if (isOwnUniform(name))
             continue;
-        auto value = item.values.find(name);
-        setUniform(uniform, value == item.values.end() ? nullptr : &value->second);
+        auto value = plane.values.find(name);
+        setUniform(uniform, value == plane.values.end() ? nullptr : &value->second);
     }
-    if (item.doubleSided)
+    if (plane.faces == scene::Faces::both)
         glDisable(GL_CULL_FACE);
     else
         glEnable(GL_CULL_FACE);
@@ -497,40 +480,55 @@ std::string Renderer::deviceName() const {
 Result<void> Renderer::render(const Frame& frame) {
     if (auto current = state_->output->makeCurrent(); !current)
         return current;
-    scene::SceneLock lock;
-    auto drawn = state_->drawFrame(frame);
+    // A top-down output is drawn upside down in clip space, which turns the winding of every
+    // triangle around as well.
+    const glm::mat4 flip = state_->topDown() ? glm::scale(glm::mat4(1), {1, -1, 1}) : glm::mat4(1);
+    auto drawn = state_->drawFrame(frame, snapshotScene(frame, flip));
     state_->endFrame();
     return drawn;
 }
 
-Result<void> Renderer::State::drawFrame(const Frame& frame) {
-    const glm::ivec2 size = output->size();
-    const bool topDown = output->rowOrder() == RowOrder::topDown;
-    viewport = size;
-    if (frame.scene && frame.time)
-        frame.scene->updateActions(*frame.time);
-
-    // A top-down output is drawn upside down in clip space, which turns the winding of every
-    // triangle around as well.
-    const glm::mat4 flip = topDown ? glm::scale(glm::mat4(1), {1, -1, 1}) : glm::mat4(1);
-    const glm::mat4 view = glm::inverse(frame.camera.transform);
+Result<void> Renderer::State::drawFrame(const Frame& frame, std::vector<PlaneSnapshot> planes) {
+    viewport = output->size();
     std::vector<DrawItem> items;
-    if (frame.scene)
-        collect(frame.scene, 1.0f, view, flip * frame.camera.projection * view, items);
+    items.reserve(planes.size());
+    for (auto& plane : planes)
+        items.push_back(DrawItem{.plane = std::move(plane)});
 
     glBindVertexArray(vertexArray.get());
     ErrorPtr firstError;
-    std::vector<const DrawItem*> drawn;
-    drawn.reserve(items.size());
-    for (auto& item : items) {
-        bool drawable = false;
-        if (auto prepared = prepare(item, firstError, drawable); !prepared)
-            return prepared;
-        if (drawable)
-            drawn.push_back(&item);
-    }
+    auto drawable = prepareAll(items, firstError);
+    if (!drawable)
+        return std::unexpected(drawable.error());
     glBindFramebuffer(GL_FRAMEBUFFER, output->framebuffer());
-    glViewport(0, 0, size.x, size.y);
+    glViewport(0, 0, viewport.x, viewport.y);
+    if (auto backdrop = drawBackdrop(frame); !backdrop)
+        return backdrop;
+    drawPlanes(std::move(*drawable));
+    glBindVertexArray(0);
+
+    if (auto checked = gl::check("glDrawArrays"); !checked)
+        return checked;
+    if (firstError)
+        return std::unexpected(firstError);
+    return {};
+}
+
+Result<std::vector<const DrawItem*>> Renderer::State::prepareAll(std::vector<DrawItem>& items,
+                                                                 ErrorPtr& firstError) {
+    std::vector<const DrawItem*> drawable;
+    drawable.reserve(items.size());
+    for (auto& item : items) {
+        auto prepared = prepare(item, firstError);
+        if (!prepared)
+            return std::unexpected(prepared.error());
+        if (*prepared == Readiness::draw)
+            drawable.push_back(&item);
+    }
+    return drawable;
+}
+
+Result<void> Renderer::State::drawBackdrop(const Frame& frame) {
     bool covered = false; // a background fills the whole view
     if (frame.background) {
         auto background = drawBackground(frame.background);
@@ -545,13 +543,17 @@ Result<void> Renderer::State::drawFrame(const Frame& frame) {
         glClear(GL_COLOR_BUFFER_BIT);
     }
     lastFrameOpaque = covered || frame.clearColor.alpha >= 1;
+    return {};
+}
 
+void Renderer::State::drawPlanes(std::vector<const DrawItem*> items) {
     // Farthest first, so that each surface blends over what lies behind it; planes at equal
     // depth keep tree order.
-    std::stable_sort(drawn.begin(), drawn.end(),
-                     [](const DrawItem* a, const DrawItem* b) { return a->depth < b->depth; });
+    std::stable_sort(items.begin(), items.end(), [](const DrawItem* a, const DrawItem* b) {
+        return a->plane.depth < b->plane.depth;
+    });
     // One flat surface cannot hide part of itself: depth matters from two planes on.
-    if (drawn.size() > 1) {
+    if (items.size() > 1) {
         glDepthMask(GL_TRUE);
         glClearDepthf(1);
         glClear(GL_DEPTH_BUFFER_BIT);
@@ -562,17 +564,10 @@ Result<void> Renderer::State::drawFrame(const Frame& frame) {
     }
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
-    glFrontFace(topDown ? GL_CW : GL_CCW);
+    glFrontFace(topDown() ? GL_CW : GL_CCW);
     glCullFace(GL_BACK);
-    for (const DrawItem* item : drawn)
+    for (const DrawItem* item : items)
         drawPlane(*item);
-    glBindVertexArray(0);
-
-    if (auto checked = gl::check("glDrawArrays"); !checked)
-        return checked;
-    if (firstError)
-        return std::unexpected(firstError);
-    return {};
 }
 
 Result<image::Image> Renderer::snapshot() {

@@ -11,17 +11,17 @@
 namespace pelkit::scene {
 namespace {
 
-using Kind = Action::Definition::Kind;
+using Kind = ActionDefinition::Kind;
 
-Action::Definition describe(Kind kind, double duration = 0, float value = 0) {
-    Action::Definition made;
+ActionDefinition describe(Kind kind, double duration = 0, float value = 0) {
+    ActionDefinition made;
     made.kind = kind;
     made.duration = duration;
     made.value = value;
     return made;
 }
 
-Action::Definition timed(Kind kind, const char* operation, double seconds, float value = 0) {
+ActionDefinition timed(Kind kind, const char* operation, double seconds, float value = 0) {
     if (!std::isfinite(seconds) || seconds < 0) {
         fatalError(std::string("Action::") + operation + ": duration " + std::to_string(seconds) +
                    " is not a finite number of seconds >= 0");
@@ -31,7 +31,8 @@ Action::Definition timed(Kind kind, const char* operation, double seconds, float
 
 } // namespace
 
-Action::Action(std::unique_ptr<const Definition> definition) : definition_(std::move(definition)) {}
+Action::Action(std::unique_ptr<const ActionDefinition> definition)
+    : definition_(std::move(definition)) {}
 
 Action::~Action() = default;
 
@@ -90,8 +91,8 @@ bool Action::setsTexture() const {
            std::ranges::any_of(definition_->steps, [](auto& step) { return step->setsTexture(); });
 }
 
-ActionPtr Action::make(Definition definition) {
-    return ActionPtr(new Action(std::make_unique<const Definition>(std::move(definition))));
+ActionPtr Action::make(ActionDefinition definition) {
+    return ActionPtr(new Action(std::make_unique<const ActionDefinition>(std::move(definition))));
 }
 
 std::optional<double> ActionRun::advance(ActionTarget& target, double start, double now) {
@@ -109,41 +110,50 @@ std::optional<double> ActionRun::advance(ActionTarget& target, double start, dou
             return start + action.duration;
         return std::nullopt;
     case Kind::scaleTo:
-    case Kind::fadeTo: {
-        if (!begun_) {
-            // The start value is read when the action starts, not when it was run: a sequence's
-            // later steps continue from whatever the earlier ones left.
-            begun_ = true;
-            fromScale_ = target.scale();
-            fromOpacity_ = target.opacity();
-        }
-        const double end = start + action.duration;
-        if (action.duration == 0 || now >= end) {
-            interpolate(target, 1.0);
-            return end;
-        }
-        interpolate(target, std::clamp((now - start) / action.duration, 0.0, 1.0));
-        return std::nullopt;
-    }
+    case Kind::fadeTo:
+        return advanceTimed(target, start, now);
     case Kind::sequence:
-        if (!begun_) {
-            begun_ = true;
-            stepStart_ = start;
-        }
-        while (stepIndex_ < action.steps.size()) {
-            if (!step_)
-                step_ = std::make_unique<ActionRun>(action.steps[stepIndex_]->definition());
-            auto stepEnd = step_->advance(target, stepStart_, now);
-            if (!stepEnd)
-                return std::nullopt;
-            // The next step starts when this one ended, however late this update came.
-            stepStart_ = *stepEnd;
-            step_.reset();
-            ++stepIndex_;
-        }
-        return stepStart_;
+        return advanceSequence(target, start, now);
     }
     return start;
+}
+
+std::optional<double> ActionRun::advanceTimed(ActionTarget& target, double start, double now) {
+    if (!begun_) {
+        // The start value is read when the action starts, not when it was run: a sequence's
+        // later steps continue from whatever the earlier ones left.
+        begun_ = true;
+        fromScale_ = target.scale();
+        fromOpacity_ = target.opacity();
+    }
+    const double duration = definition_.duration;
+    const double end = start + duration;
+    if (duration == 0 || now >= end) {
+        interpolate(target, 1.0);
+        return end;
+    }
+    interpolate(target, std::clamp((now - start) / duration, 0.0, 1.0));
+    return std::nullopt;
+}
+
+std::optional<double> ActionRun::advanceSequence(ActionTarget& target, double start, double now) {
+    if (!begun_) {
+        begun_ = true;
+        stepStart_ = start;
+    }
+    const auto& steps = definition_.steps;
+    while (stepIndex_ < steps.size()) {
+        if (!step_)
+            step_ = std::make_unique<ActionRun>(*steps[stepIndex_]);
+        auto stepEnd = step_->advance(target, stepStart_, now);
+        if (!stepEnd)
+            return std::nullopt;
+        // The next step starts when this one ended, however late this update came.
+        stepStart_ = *stepEnd;
+        step_.reset();
+        ++stepIndex_;
+    }
+    return stepStart_;
 }
 
 void ActionRun::interpolate(ActionTarget& target, double progress) {
@@ -160,7 +170,7 @@ void ActionRun::interpolate(ActionTarget& target, double progress) {
 }
 
 void ActionList::add(ActionPtr action) {
-    auto run = std::make_unique<ActionRun>(action->definition());
+    auto run = std::make_unique<ActionRun>(*action);
     running_.push_back(Running{std::move(action), std::move(run), std::nullopt});
 }
 

@@ -13,7 +13,8 @@
 
 namespace pelkit::scene {
 
-struct Action::Definition {
+// An action's kind and parameters.
+struct ActionDefinition {
     enum class Kind { wait, scaleTo, fadeTo, hide, unhide, setTexture, sequence };
     Kind kind = Kind::wait;
     double duration = 0;
@@ -39,16 +40,18 @@ protected:
 /// The progress of one action on one target.
 class ActionRun {
 public:
-    explicit ActionRun(const Action::Definition& definition) : definition_(definition) {}
+    explicit ActionRun(const Action& action) : definition_(*action.definition_) {}
 
     /// Applies the action as it stands at `now`, given that it started at `start`. Returns the
     /// moment it ended once it has, nothing while it runs.
     std::optional<double> advance(ActionTarget& target, double start, double now);
 
 private:
+    std::optional<double> advanceTimed(ActionTarget& target, double start, double now);
+    std::optional<double> advanceSequence(ActionTarget& target, double start, double now);
     void interpolate(ActionTarget& target, double progress);
 
-    const Action::Definition& definition_; // kept alive by the ActionPtr that started the run
+    const ActionDefinition& definition_; // kept alive by the ActionPtr that started the run
     bool begun_ = false;
     glm::vec3 fromScale_{1};
     float fromOpacity_ = 1;

@@ -131,11 +131,18 @@ void Sprite::setTexture(std::shared_ptr<const image::Image> texture) {
     state_->texture = std::move(texture);
 }
 
-std::shared_ptr<const image::Image> Sprite::currentImage() const {
-    return doCurrentImage();
+SpritePicture Sprite::picture() const {
+    return doPicture();
 }
 
-std::shared_ptr<const image::Image> Sprite::doCurrentImage() const {
+std::shared_ptr<const image::Image> Sprite::currentImage() const {
+    auto picture = doPicture();
+    if (auto* source = std::get_if<std::shared_ptr<VideoFrameSource>>(&picture))
+        return (*source)->currentFrame();
+    return std::get<std::shared_ptr<const image::Image>>(std::move(picture));
+}
+
+SpritePicture Sprite::doPicture() const {
     return texture();
 }
 
@@ -264,9 +271,8 @@ std::shared_ptr<VideoFrameSource> VideoSprite::source() const {
     return source_;
 }
 
-// Not under the scene lock: the source has its own, and it must never wait on ours.
-std::shared_ptr<const image::Image> VideoSprite::doCurrentImage() const {
-    return source_->currentFrame();
+SpritePicture VideoSprite::doPicture() const {
+    return source_;
 }
 
 } // namespace pelkit::scene

@@ -4,20 +4,23 @@
 
 #include <pelkit/foundation/FileDescriptor.h>
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/foundation/Text.h>
 
 #include <zip.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,6 +33,10 @@ namespace fs = std::filesystem;
 // Large enough that a typical target image takes a handful of reads, small enough to stay cheap
 // next to the archive itself; allocated once per archive.
 constexpr std::size_t chunkSize = 256 * 1024;
+
+// Smaller entries may expand as much as they like (a blank image, a padded text): whatever they
+// expand to cannot hurt.
+constexpr std::uint64_t ratioCheckedFrom = 1 << 20;
 
 struct ArchiveDiscarder {
     // Discarding never writes back: read-only archives are closed this way, and an archive being
@@ -98,27 +105,30 @@ bool isSymbolicLink(zip_t* archive, zip_uint64_t index) {
     return system == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
 }
 
-Result<> writeAll(int fd, const char* data, std::size_t size, const fs::path& target) {
-    while (size > 0) {
-        const auto written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return std::unexpected(posixError("write", target, errno));
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
+/// Free bytes for an unprivileged writer on the file system that holds `directory`, or on that
+/// of its nearest existing parent; nothing when that cannot be found out.
+std::optional<std::uint64_t> freeBytes(fs::path directory) {
+    for (;;) {
+        struct statvfs info {};
+        if (::statvfs(directory.c_str(), &info) == 0)
+            return std::uint64_t{info.f_bavail} * info.f_frsize;
+        if (errno != ENOENT || directory.empty() || directory == directory.parent_path())
+            return std::nullopt;
+        directory = directory.parent_path();
     }
-    return {};
 }
 
 class Unpacker {
 public:
-    Unpacker(zip_t* archive, const fs::path& destination)
-        : archive_(archive), destination_(destination), buffer_(new char[chunkSize]) {}
+    Unpacker(zip_t* archive, const fs::path& path, const fs::path& destination,
+             const UnpackLimits& limits)
+        : archive_(archive), path_(path), destination_(destination), limits_(limits),
+          buffer_(new char[chunkSize]) {}
 
     Result<> unpack() {
         const auto count = zip_get_num_entries(archive_, 0);
+        if (auto fits = checkSizes(count); !fits)
+            return fits;
         for (zip_int64_t index = 0; index < count; ++index) {
             if (auto extracted = extract(static_cast<zip_uint64_t>(index)); !extracted)
                 return extracted;
@@ -127,6 +137,39 @@ public:
     }
 
 private:
+    /// Refuses, before anything is written, an archive that would fill the disk: the sizes are
+    /// the ones the archive declares, and extraction never writes more than an entry declares.
+    Result<> checkSizes(zip_int64_t count) {
+        std::uint64_t total = 0;
+        for (zip_int64_t index = 0; index < count; ++index) {
+            zip_stat_t stat;
+            zip_stat_init(&stat);
+            if (zip_stat_index(archive_, static_cast<zip_uint64_t>(index), 0, &stat) != 0 ||
+                !(stat.valid & ZIP_STAT_SIZE))
+                continue; // reported when the entry's turn comes
+            const std::uint64_t stored = (stat.valid & ZIP_STAT_COMP_SIZE) ? stat.comp_size : 0;
+            if (stat.size > ratioCheckedFrom &&
+                stat.size / std::max<std::uint64_t>(limits_.maxExpansionRatio, 1) > stored)
+                return std::unexpected(refusal(
+                    stat.name, ZIP_ER_INVAL,
+                    "entry expands to " + std::to_string(stat.size) + " bytes, more than " +
+                        std::to_string(limits_.maxExpansionRatio) + " times its stored size"));
+            total += stat.size;
+            if (total > limits_.maxUnpackedBytes)
+                return std::unexpected(Error::make(
+                    "zip", ZIP_ER_INVAL,
+                    "unzipFile(" + path_.string() + "): entries expand to more than the limit of " +
+                        std::to_string(limits_.maxUnpackedBytes) + " bytes"));
+        }
+        if (auto free = freeBytes(destination_); free && total > *free)
+            return std::unexpected(
+                Error::make("posix", ENOSPC,
+                            "unzipFile(" + path_.string() + "): entries expand to " +
+                                std::to_string(total) + " bytes, more than the " +
+                                std::to_string(*free) + " bytes free in " + destination_.string()));
+        return {};
+    }
+
     Result<> extract(zip_uint64_t index) {
         zip_stat_t stat;
         zip_stat_init(&stat);
@@ -148,11 +191,10 @@ private:
 
         const auto target = destination_ / *relative;
         std::error_code error;
-        fs::remove_all(target, error);
-        if (error)
-            return std::unexpected(fileSystemError("remove_all", target, error));
-
         if (name.ends_with('/')) {
+            fs::remove_all(target, error);
+            if (error)
+                return std::unexpected(fileSystemError("remove_all", target, error));
             fs::create_directories(target, error);
             if (error)
                 return std::unexpected(fileSystemError("create_directories", target, error));
@@ -167,6 +209,8 @@ private:
         return extractFile(index, name, stat.size, target);
     }
 
+    /// Extracts to a temporary file beside `target` and renames it over `target` once complete,
+    /// so a failing entry leaves the file of the last good archive in place.
     Result<> extractFile(zip_uint64_t index, std::string_view name, zip_uint64_t size,
                          const fs::path& target) {
         // Opened before the output file, so an entry that cannot be read (encrypted, unknown
@@ -175,19 +219,35 @@ private:
         if (!entry)
             return std::unexpected(zipError("zip_fopen_index", name, zip_get_error(archive_)));
 
-        // O_EXCL|O_NOFOLLOW: the path was just cleared, so anything there now is not ours to
-        // write through.
-        FileDescriptor file{
-            ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666)};
+        std::string temporary = (target.parent_path() / ".pelkit-unzip-XXXXXX").string();
+        FileDescriptor file{::mkostemp(temporary.data(), O_CLOEXEC)};
         if (file.get() < 0)
-            return std::unexpected(posixError("open", target, errno));
+            return std::unexpected(posixError("mkostemp", temporary, errno));
+        ::fchmod(file.get(), 0644); // mkostemp's 0600 would hide the images from other readers
 
-        auto written = copy(entry.get(), name, size, file.get(), target);
+        auto written = copy(entry.get(), name, size, file.get(), temporary);
         if (written && file.close() != 0)
-            written = std::unexpected(posixError("close", target, errno));
+            written = std::unexpected(posixError("close", temporary, errno));
+        if (written)
+            written = replace(temporary, target);
         if (!written)
-            ::unlink(target.c_str());
+            ::unlink(temporary.c_str());
         return written;
+    }
+
+    /// rename() replaces a file or a link in one step (never writing through the link); a
+    /// directory standing where the file goes has to be removed first.
+    static Result<> replace(const std::string& temporary, const fs::path& target) {
+        std::error_code error;
+        if (fs::is_directory(fs::symlink_status(target, error))) {
+            fs::remove_all(target, error);
+            if (error)
+                return std::unexpected(fileSystemError("remove_all", target, error));
+        }
+        if (::rename(temporary.c_str(), target.c_str()) != 0)
+            return std::unexpected(
+                Error::fromErrno("rename(" + temporary + ", " + target.string() + ")", errno));
+        return {};
     }
 
     Result<> copy(zip_file_t* entry, std::string_view name, zip_uint64_t size, int fd,
@@ -201,8 +261,9 @@ private:
                 return std::unexpected(zipError("zip_fread", name, zip_file_get_error(entry)));
             if (read == 0)
                 return std::unexpected(zipError("zip_fread", name, ZIP_ER_EOF));
-            if (auto done = writeAll(fd, buffer_.get(), static_cast<std::size_t>(read), target);
-                !done)
+            const auto chunk =
+                std::as_bytes(std::span(buffer_.get(), static_cast<std::size_t>(read)));
+            if (auto done = writeAll(fd, chunk, target.string()); !done)
                 return done;
             remaining -= static_cast<zip_uint64_t>(read);
         }
@@ -210,18 +271,21 @@ private:
     }
 
     zip_t* archive_;
+    fs::path path_;
     fs::path destination_;
+    UnpackLimits limits_;
     std::unique_ptr<char[]> buffer_;
 };
 
 } // namespace
 
-Result<> unzipFile(const fs::path& archive, const fs::path& destination) {
+Result<> unzipFile(const fs::path& archive, const fs::path& destination,
+                   const UnpackLimits& limits) {
     int openError = 0;
     ArchiveHandle handle{zip_open(archive.c_str(), ZIP_RDONLY, &openError)};
     if (!handle)
         return {}; // Whatever is there is not an archive we can read: nothing to unpack.
-    return Unpacker(handle.get(), destination).unpack();
+    return Unpacker(handle.get(), archive, destination, limits).unpack();
 }
 
 // Writing archives.
@@ -237,10 +301,8 @@ bool isAlreadyCompressed(const fs::path& source) {
     static constexpr std::array<std::string_view, 18> extensions{
         ".jpg", ".jpeg", ".png", ".gif", ".webp", ".heic", ".mp4", ".m4v", ".mov",
         ".m4a", ".mp3",  ".aac", ".ogg", ".zip",  ".gz",   ".bz2", ".xz",  ".7z"};
-    auto extension = source.extension().string();
-    std::ranges::transform(extension, extension.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return std::ranges::find(extensions, extension) != extensions.end();
+    return std::ranges::find(extensions, asciiLowercase(source.extension().string())) !=
+           extensions.end();
 }
 
 Result<> checkNames(std::span<const ArchiveEntry> entries) {
