@@ -32,7 +32,8 @@ Result<> syncDirectory(const std::filesystem::path& directory) {
     return {};
 }
 
-Result<> writeAtomically(const std::filesystem::path& path, const void* data, std::size_t size) {
+/// Fills a temporary file beside `path` through `fill`, flushes it, then renames it over `path`.
+template <class Fill> Result<> replaceAtomically(const std::filesystem::path& path, Fill fill) {
     std::string temporary =
         (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
     FileDescriptor fd(::mkstemp(temporary.data()));
@@ -42,17 +43,23 @@ Result<> writeAtomically(const std::filesystem::path& path, const void* data, st
         ::unlink(temporary.c_str());
         return std::unexpected(std::move(error));
     };
-    // mkstemp creates the file 0600; a replaced file keeps the usual permissions for user data.
-    ::fchmod(fd.get(), 0644);
-    if (auto written = writeAll(fd.get(), spanOf(data, size), temporary); !written)
-        return discard(written.error());
+    ::fchmod(fd.get(), 0644); // mkstemp's 0600 would hide user data from its other readers
+    if (auto filled = fill(fd.get(), temporary); !filled)
+        return discard(filled.error());
     if (::fsync(fd.get()) != 0)
         return discard(Error::fromErrno("fsync(" + temporary + ")", errno));
     if (fd.close() != 0)
         return discard(Error::fromErrno("close(" + temporary + ")", errno));
     if (::rename(temporary.c_str(), path.c_str()) != 0)
         return discard(Error::fromErrno("rename(" + temporary + ", " + path.string() + ")", errno));
+    // The rename lives in the directory: without this a crash could bring the old file back.
     return syncDirectory(path.parent_path().empty() ? "." : path.parent_path());
+}
+
+Result<> writeAtomically(const std::filesystem::path& path, const void* data, std::size_t size) {
+    return replaceAtomically(path, [&](int fd, const std::string& temporary) {
+        return writeAll(fd, spanOf(data, size), temporary);
+    });
 }
 
 } // namespace
@@ -147,29 +154,6 @@ std::string printableName(std::string_view name) {
     for (char c : name)
         shown += c == '\0' ? std::string("\\0") : std::string(1, c);
     return shown;
-}
-
-/// Fills a temporary file beside `path` through `fill`, flushes it, then renames it over `path`.
-template <class Fill> Result<> replaceAtomically(const std::filesystem::path& path, Fill fill) {
-    std::string temporary =
-        (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
-    FileDescriptor fd(::mkstemp(temporary.data()));
-    if (fd.get() < 0)
-        return std::unexpected(Error::fromErrno("mkstemp(" + temporary + ")", errno));
-    auto discard = [&](ErrorPtr error) {
-        ::unlink(temporary.c_str());
-        return std::unexpected(std::move(error));
-    };
-    ::fchmod(fd.get(), 0644); // mkstemp's 0600 would hide user data from its other readers
-    if (auto filled = fill(fd.get(), temporary); !filled)
-        return discard(filled.error());
-    if (::fsync(fd.get()) != 0)
-        return discard(Error::fromErrno("fsync(" + temporary + ")", errno));
-    if (fd.close() != 0)
-        return discard(Error::fromErrno("close(" + temporary + ")", errno));
-    if (::rename(temporary.c_str(), path.c_str()) != 0)
-        return discard(Error::fromErrno("rename(" + temporary + ", " + path.string() + ")", errno));
-    return {};
 }
 
 } // namespace
