@@ -1,6 +1,7 @@
 #include <pelkit/image/Image.h>
 
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/foundation/Resources.h>
 
 #include "TestSupport.h"
 
@@ -247,6 +248,26 @@ TEST(ImageDeathTest, BrokenPreconditionsStop) {
                  "Fatal error: image::encodeJpeg\\(\\): quality 101 is outside 1\\.\\.\\.100");
     EXPECT_DEATH((void)Image::filled(-1, 2),
                  "Fatal error: Image::filled\\(\\): negative size -1x2");
+}
+
+// The framework's own buttons, as the build tree holds them: transparent outside the disc, opaque
+// inside, the play triangle dark at the centre where the pause bars leave it white.
+TEST(FrameworkResources, DecodeToOpaqueButtonsOnTransparentCorners) {
+    test::ScopedEnv unset("PELKIT_RESOURCES_DIR", "");
+    for (auto [name, centreGrey] : {std::pair{"play", 30}, std::pair{"pause", 255}}) {
+        auto path = resourcePath(name, "png");
+        ASSERT_TRUE(path) << name;
+        auto image = decode(fileBytes(*path));
+        ASSERT_TRUE(image) << name << ": " << image.error()->description();
+        ASSERT_EQ(std::pair(image->width, image->height), std::pair(256, 256)) << name;
+        for (auto [x, y] :
+             {std::pair{0, 0}, std::pair{255, 0}, std::pair{0, 255}, std::pair{255, 255}})
+            EXPECT_EQ(image->pixel(x, y)[3], 0) << name << " at " << x << "," << y;
+        const std::uint8_t* centre = image->pixel(128, 128);
+        EXPECT_EQ(std::vector<int>(centre, centre + 4),
+                  (std::vector<int>{centreGrey, centreGrey, centreGrey, 255}))
+            << name;
+    }
 }
 
 } // namespace
