@@ -1,6 +1,6 @@
 // libcurl for sessions (the blocking one-shot read lives in ReadResource.cpp). Each session owns a
-// multi handle that only its worker thread
-// touches; other threads hand it work through a locked inbox and wake it with curl_multi_wakeup.
+// multi handle that only its worker thread touches; other threads hand it work through a locked
+// inbox and wake it with curl_multi_wakeup.
 // Results travel to the session's serial callback queue, so callbacks of one task arrive in order.
 // Redirects are followed here rather than by libcurl, which would send the request's headers (the
 // app key among them) to whatever host a redirect names.
