@@ -48,6 +48,12 @@ struct SeenRequest {
 /// A prepare endpoint whose answer depends on the target id: "ok" and "held" (which waits for
 /// `release()`) answer the path "/files/a.png", the others fail in the way their name says.
 class PELNodeTest : public ::testing::Test {
+    // Declared before the server, so a request still arriving while the server stops finds them.
+    mutable std::mutex mutex_;
+    std::condition_variable releasedChanged_;
+    bool released_ = false;
+    std::vector<SeenRequest> seen_;
+
 protected:
     PELNodeTest() {
         server.server.set_pre_routing_handler([this](const httplib::Request& request, auto&) {
@@ -102,11 +108,6 @@ private:
             response.set_content_provider(64, "text/plain",
                                           [](std::size_t, std::size_t, auto&) { return false; });
     }
-
-    mutable std::mutex mutex_;
-    std::condition_variable releasedChanged_;
-    bool released_ = false;
-    std::vector<SeenRequest> seen_;
 };
 
 /// Waits until the shared session's completions submitted so far have run.
