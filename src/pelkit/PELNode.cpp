@@ -52,8 +52,8 @@ void PELNode::prepareContent() {
             self->isPreparing_ = false;
             return;
         }
-        // An empty body is no data: it would only present the server's bare address.
-        if (!result.body || result.body->empty()) {
+        // An empty body is data, as for the configuration; only a missing one is not.
+        if (!result.body) {
             printLine("response did no include any data");
             self->isPreparing_ = false;
             return;

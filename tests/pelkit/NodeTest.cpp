@@ -141,12 +141,16 @@ TEST_F(PELNodeTest, AFilePathPresentsDuringCreateAndOnlyANodeWithoutOneAsksTheSe
         << "the answer is a path on the server that was asked";
     EXPECT_NE(presented[0].thread, std::this_thread::get_id())
         << "a prepared address is presented on the HTTP completion thread";
+
+    // An empty answer is data all the same, as for the configuration: the bare address is shown.
+    auto empty = PELNode::create<RecordingNode>("empty", std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return !empty->presented().empty(); }));
+    EXPECT_EQ(empty->presented()[0].url, server.baseUrl());
 }
 
 TEST_F(PELNodeTest, AFailedPreparationPrintsItsLinePresentsNothingAndLetsTheNodeAskAgain) {
     const std::pair<std::string, std::string> printing[] = {
         {"missing", "Response StatusCode: 404"},
-        {"empty", "response did no include any data"},
         {"quoted", "provided data was not a correct url"},
     };
     for (const auto& [targetId, line] : printing) {
