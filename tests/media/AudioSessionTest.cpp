@@ -26,6 +26,17 @@ TEST(AudioSession, ActivatesForPlaybackOnTheDummyDriver) {
     EXPECT_FALSE(session.isActive());
 }
 
+TEST(AudioSession, ActivatesWhileAPlayerHoldsTheDummyDriversOnlyOutput) {
+    ScopedEnv driver("SDL_AUDIODRIVER", "dummy");
+    auto& session = AudioSession::shared();
+    ASSERT_TRUE(session.setActive(false));
+    auto player = std::make_shared<media::Player>();
+    player->replaceCurrentItem(media::PlayerItem::create(mediaFixtureUrl("counter.mp4")));
+    ASSERT_TRUE(waitUntil([&] { return player->status() == media::Status::readyToPlay; }));
+    auto activated = session.setActive(true);
+    EXPECT_TRUE(activated) << *activated.error();
+}
+
 struct SessionStep {
     const char* name;
     Result<> (*run)(AudioSession&);

@@ -80,6 +80,10 @@ Result<OpenDevice> openDevice(AudioFormat wanted) {
                       double(obtained.samples) / std::max(obtained.freq, 1)};
 }
 
+// Output devices open now. Some drivers (SDL's dummy driver among them) open one output at a
+// time, so while one is open, probing for another would fail although sound works.
+int openOutputs = 0;
+
 } // namespace
 
 // Each open device holds one start of the subsystem, so the subsystem stays up while any
@@ -93,6 +97,7 @@ Result<std::unique_ptr<AudioOutput>> AudioOutput::open(AudioFormat wanted) {
     if (!device)
         return std::unexpected(device.error());
     subsystem->handOver(); // the output stops it when it closes
+    ++openOutputs;
     return std::unique_ptr<AudioOutput>(
         new AudioOutput(device->id, device->format, device->period));
 }
@@ -101,6 +106,7 @@ AudioOutput::~AudioOutput() {
     std::lock_guard lock(sdlMutex());
     SDL_CloseAudioDevice(device_);
     SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    --openOutputs;
 }
 
 Result<> AudioOutput::enqueue(std::span<const std::uint8_t> samples) {
@@ -171,10 +177,12 @@ Result<> AudioSession::setActive(bool active) {
     auto subsystem = AudioSubsystem::start();
     if (!subsystem)
         return std::unexpected(subsystem.error());
-    auto device = openDevice({});
-    if (!device)
-        return std::unexpected(device.error());
-    SDL_CloseAudioDevice(device->id);
+    if (openOutputs == 0) {
+        auto device = openDevice({});
+        if (!device)
+            return std::unexpected(device.error());
+        SDL_CloseAudioDevice(device->id);
+    }
     state.active.emplace(std::move(*subsystem));
     return {};
 }
