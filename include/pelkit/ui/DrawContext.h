@@ -12,6 +12,10 @@
 
 namespace pelkit::ui {
 
+/// How an image meets what lies under it: blended by its alpha, or copied over it (an opaque
+/// picture such as a video frame, which draws much faster on a software renderer).
+enum class Blend { alpha, opaque };
+
 class DrawContext {
 public:
     virtual ~DrawContext();
@@ -23,7 +27,7 @@ public:
     /// passes a `slot` of its own (any stable address, e.g. the view), so that one texture is
     /// reused and a new picture is uploaded only when it is another object.
     virtual void drawImage(const std::shared_ptr<const image::Image>& image, const Rect& rect,
-                           const void* slot = nullptr) = 0;
+                           const void* slot = nullptr, Blend blend = Blend::alpha) = 0;
     /// Draws one line of `text` in DejaVu Sans at `pointSize`, centred in `rect`. Text that
     /// cannot be drawn (no font) is left out; the first such failure is printed once.
     virtual void drawText(std::string_view text, const Rect& rect, float pointSize,

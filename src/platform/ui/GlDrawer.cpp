@@ -2,6 +2,7 @@
 
 #include <GLES3/gl3.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -18,6 +19,18 @@ void main() {
     vec2 corner = vec2(float(gl_VertexID & 1), float(gl_VertexID >> 1));
     gl_Position = vec4(mix(uRect.xy, uRect.zw, corner), 0.0, 1.0);
     vTexCoord = corner;
+}
+)";
+
+// Opaque pictures at full opacity (video): a plain copy, which llvmpipe draws on its fast path
+// for unblended textured quads.
+constexpr const char* kCopyShader = R"(#version 300 es
+precision mediump float;
+uniform sampler2D uTexture;
+in vec2 vTexCoord;
+out vec4 fragColor;
+void main() {
+    fragColor = texture(uTexture, vTexCoord);
 }
 )";
 
@@ -52,6 +65,31 @@ Result<GLuint> compile(GLenum stage, const char* source) {
     return std::unexpected(glError("glCompileShader", log, GL_COMPILE_STATUS));
 }
 
+Result<GLuint> link(const char* fragmentSource) {
+    auto vertex = compile(GL_VERTEX_SHADER, kVertexShader);
+    if (!vertex)
+        return std::unexpected(vertex.error());
+    auto fragment = compile(GL_FRAGMENT_SHADER, fragmentSource);
+    if (!fragment) {
+        glDeleteShader(*vertex);
+        return std::unexpected(fragment.error());
+    }
+    const GLuint program = glCreateProgram();
+    glAttachShader(program, *vertex);
+    glAttachShader(program, *fragment);
+    glLinkProgram(program);
+    glDeleteShader(*vertex);
+    glDeleteShader(*fragment);
+    GLint linked = 0;
+    glGetProgramiv(program, GL_LINK_STATUS, &linked);
+    if (linked)
+        return program;
+    char log[1024] = {};
+    glGetProgramInfoLog(program, sizeof log, nullptr, log);
+    glDeleteProgram(program);
+    return std::unexpected(glError("glLinkProgram", log, GL_LINK_STATUS));
+}
+
 struct Texture {
     GLuint name = 0;
     int width = 0;
@@ -64,8 +102,10 @@ struct Texture {
 
 struct GlDrawer::State {
     GLuint program = 0;
+    GLuint copyProgram = 0;
     GLuint vertexArray = 0;
     GLint rectLocation = -1, colorLocation = -1, texturedLocation = -1, textureLocation = -1;
+    GLint copyRectLocation = -1, copyTextureLocation = -1;
     // Set by begin(): the output being drawn.
     glm::ivec2 size{1};
     render::RowOrder order = render::RowOrder::topDown;
@@ -81,18 +121,27 @@ struct GlDrawer::State {
             glDeleteVertexArrays(1, &vertexArray);
         if (program)
             glDeleteProgram(program);
+        if (copyProgram)
+            glDeleteProgram(copyProgram);
     }
 
     // GL's window coordinates have y up; a bottom-up output shows the picture's top at its top.
     float flipY(float y) const { return order == render::RowOrder::bottomUp ? size.y - y : y; }
 
-    void prepare(const Rect& rect, Color color, bool textured, const std::optional<Rect>& clip) {
+    // `copy`: an opaque picture drawn as it is, without blending.
+    void prepare(const Rect& rect, Color color, bool textured, const std::optional<Rect>& clip,
+                 bool copy = false) {
         glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
         glViewport(0, 0, size.x, size.y);
         glDisable(GL_DEPTH_TEST);
         glDisable(GL_CULL_FACE);
-        glEnable(GL_BLEND);
-        glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+        if (copy) {
+            glDisable(GL_BLEND);
+        } else {
+            glEnable(GL_BLEND);
+            glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE,
+                                GL_ONE_MINUS_SRC_ALPHA);
+        }
         if (clip) {
             glEnable(GL_SCISSOR_TEST);
             const float top =
@@ -102,12 +151,14 @@ struct GlDrawer::State {
         } else {
             glDisable(GL_SCISSOR_TEST);
         }
-        glUseProgram(program);
+        glUseProgram(copy ? copyProgram : program);
         glBindVertexArray(vertexArray);
         const auto ndcX = [&](float x) { return x / float(size.x) * 2 - 1; };
         const auto ndcY = [&](float y) { return flipY(y) / float(size.y) * 2 - 1; };
-        glUniform4f(rectLocation, ndcX(rect.minX()), ndcY(rect.minY()), ndcX(rect.maxX()),
-                    ndcY(rect.maxY()));
+        glUniform4f(copy ? copyRectLocation : rectLocation, ndcX(rect.minX()), ndcY(rect.minY()),
+                    ndcX(rect.maxX()), ndcY(rect.maxY()));
+        if (copy)
+            return;
         glUniform4f(colorLocation, color.red, color.green, color.blue, color.alpha);
         glUniform1i(texturedLocation, textured ? 1 : 0);
     }
@@ -124,8 +175,6 @@ struct GlDrawer::State {
             glGenTextures(1, &texture.name);
             glBindTexture(GL_TEXTURE_2D, texture.name);
             glTexStorage2D(GL_TEXTURE_2D, 1, GL_RGBA8, image->width, image->height);
-            glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-            glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
             glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
             glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
             texture.width = image->width;
@@ -146,27 +195,16 @@ GlDrawer::~GlDrawer() = default;
 
 Result<std::unique_ptr<GlDrawer>> GlDrawer::create() {
     auto state = std::make_unique<State>();
-    auto vertex = compile(GL_VERTEX_SHADER, kVertexShader);
-    if (!vertex)
-        return std::unexpected(vertex.error());
-    auto fragment = compile(GL_FRAGMENT_SHADER, kFragmentShader);
-    if (!fragment) {
-        glDeleteShader(*vertex);
-        return std::unexpected(fragment.error());
-    }
-    state->program = glCreateProgram();
-    glAttachShader(state->program, *vertex);
-    glAttachShader(state->program, *fragment);
-    glLinkProgram(state->program);
-    glDeleteShader(*vertex);
-    glDeleteShader(*fragment);
-    GLint linked = 0;
-    glGetProgramiv(state->program, GL_LINK_STATUS, &linked);
-    if (!linked) {
-        char log[1024] = {};
-        glGetProgramInfoLog(state->program, sizeof log, nullptr, log);
-        return std::unexpected(glError("glLinkProgram", log, GL_LINK_STATUS));
-    }
+    auto program = link(kFragmentShader);
+    if (!program)
+        return std::unexpected(program.error());
+    state->program = *program;
+    auto copy = link(kCopyShader);
+    if (!copy)
+        return std::unexpected(copy.error());
+    state->copyProgram = *copy;
+    state->copyRectLocation = glGetUniformLocation(state->copyProgram, "uRect");
+    state->copyTextureLocation = glGetUniformLocation(state->copyProgram, "uTexture");
     state->rectLocation = glGetUniformLocation(state->program, "uRect");
     state->colorLocation = glGetUniformLocation(state->program, "uColor");
     state->texturedLocation = glGetUniformLocation(state->program, "uTextured");
@@ -185,7 +223,7 @@ void GlDrawer::begin(const render::Output& output, Color clear) {
     glViewport(0, 0, s.size.x, s.size.y);
     glDisable(GL_SCISSOR_TEST);
     glClearColor(clear.red, clear.green, clear.blue, clear.alpha);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    glClear(GL_COLOR_BUFFER_BIT);
 }
 
 void GlDrawer::fill(const Rect& rect, Color color, const std::optional<Rect>& clip) {
@@ -196,15 +234,25 @@ void GlDrawer::fill(const Rect& rect, Color color, const std::optional<Rect>& cl
 }
 
 void GlDrawer::image(const std::shared_ptr<const image::Image>& image, const Rect& rect,
-                     const void* slot, float opacity, const std::optional<Rect>& clip) {
+                     const void* slot, Blend blend, const std::optional<Rect>& clip) {
     if (!image || image->empty() || rect.isEmpty() ||
         image->rgba.size() < image->stride() * std::size_t(image->height))
         return;
     Texture& texture = state_->upload(image, slot ? slot : image.get());
-    state_->prepare(rect, {1, 1, 1, opacity}, true, clip);
+    const bool copy = blend == Blend::opaque;
+    state_->prepare(rect, {1, 1, 1, 1}, true, clip, copy);
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, texture.name);
-    glUniform1i(state_->textureLocation, 0);
+    // Drawn pixel for pixel, nearest sampling gives the same picture and costs llvmpipe far
+    // less than bilinear filtering.
+    const bool exact = std::lround(rect.size.width) == image->width &&
+                       std::lround(rect.size.height) == image->height &&
+                       rect.origin.x == std::floor(rect.origin.x) &&
+                       rect.origin.y == std::floor(rect.origin.y);
+    const GLint filter = exact ? GL_NEAREST : GL_LINEAR;
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, filter);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, filter);
+    glUniform1i(copy ? state_->copyTextureLocation : state_->textureLocation, 0);
     glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
 }
 

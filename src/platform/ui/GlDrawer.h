@@ -6,6 +6,7 @@
 #include <pelkit/foundation/Error.h>
 #include <pelkit/image/Image.h>
 #include <pelkit/render/Output.h>
+#include <pelkit/ui/DrawContext.h>
 #include <pelkit/ui/Geometry.h>
 
 #include <memory>
@@ -27,7 +28,7 @@ public:
     /// Every draw sets the GL state it needs, so other code (a renderer) may draw in between.
     void fill(const Rect& rect, Color color, const std::optional<Rect>& clip);
     void image(const std::shared_ptr<const image::Image>& image, const Rect& rect, const void* slot,
-               float opacity, const std::optional<Rect>& clip);
+               Blend blend, const std::optional<Rect>& clip);
     /// Ends the frame: textures not drawn in it are released.
     void end();
     /// The output's pixels, rows from the top.

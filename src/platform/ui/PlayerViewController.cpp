@@ -22,8 +22,9 @@ protected:
         shown_ = player ? player->currentFrame() : nullptr;
         failed_ = player && player->status() == media::Status::failed;
         if (shown_)
-            context.drawImage(
-                shown_, aspectFit({float(shown_->width), float(shown_->height)}, bounds()), this);
+            context.drawImage(shown_,
+                              aspectFit({float(shown_->width), float(shown_->height)}, bounds()),
+                              this, Blend::opaque);
         if (failed_)
             context.drawText(kFailureText, bounds(), 17, colors::white);
     }

@@ -51,8 +51,8 @@ public:
         platform_.drawer->fill(pixels(rect), color, pixelClip());
     }
     void drawImage(const std::shared_ptr<const image::Image>& image, const Rect& rect,
-                   const void* slot) override {
-        platform_.drawer->image(image, pixels(rect), slot, 1, pixelClip());
+                   const void* slot, Blend blend) override {
+        platform_.drawer->image(image, pixels(rect), slot, blend, pixelClip());
     }
     void drawText(std::string_view text, const Rect& rect, float pointSize, Color color) override {
         auto image = textImage(text, int(std::lround(pointSize * scale_)), color);
@@ -62,7 +62,7 @@ public:
         const Rect placed{
             {std::round(rect.midX() - size.width / 2), std::round(rect.midY() - size.height / 2)},
             size};
-        platform_.drawer->image(image, pixels(placed), nullptr, 1, pixelClip());
+        platform_.drawer->image(image, pixels(placed), nullptr, Blend::alpha, pixelClip());
     }
     Result<render::Renderer*> renderer() override {
         if (!platform_.renderer) {
