@@ -1,0 +1,147 @@
+#include "TestSupport.h"
+
+#include <pelkit/PELFullscreenVideoPlayer.h>
+#include <pelkit/ui/Application.h>
+#include <pelkit/ui/Window.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace pelkit::test {
+namespace {
+
+using ui::Animated;
+
+/// Counts how often it disappears behind a presented screen.
+class Host final : public ui::ViewController {
+public:
+    int disappearances = 0;
+    void viewWillDisappear(Animated) override { ++disappearances; }
+};
+
+net::Url clip(const std::string& name) {
+    return net::Url::fileUrl(fixturesDirectory() / "media" / name);
+}
+
+// The shared player on a headless key window whose animation clock the test steps.
+class FullscreenPlayer : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ::setenv("SDL_AUDIODRIVER", "dummy", 0);
+        app().setDisplay(ui::Display::headless);
+    }
+
+    void SetUp() override {
+        app().setClock([this] { return clock; });
+        auto made = ui::Window::create({320, 240});
+        ASSERT_TRUE(made) << *made.error();
+        window = *made;
+    }
+
+    void TearDown() override {
+        // The shared screen outlives the test: close it so the next test starts without it.
+        if (player().playerViewController()->presentingViewController())
+            player().playerViewController()->dismiss(Animated::no);
+        settle();
+        player().player()->pause();
+        window.reset();
+        app().setClock({});
+    }
+
+    static ui::Application& app() { return ui::Application::shared(); }
+    static PELFullscreenVideoPlayer& player() { return PELFullscreenVideoPlayer::shared(); }
+
+    void show(std::shared_ptr<ui::ViewController> root) {
+        window->setRootViewController(std::move(root));
+        window->makeKeyAndVisible();
+        app().pump();
+    }
+
+    void settle() {
+        app().pump();
+        clock += 1;
+        app().pump();
+    }
+
+    std::string currentUrl() const {
+        auto item = player().player()->currentItem();
+        return item ? item->url() : std::string();
+    }
+
+    double clock = 1000;
+    std::shared_ptr<ui::Window> window;
+};
+
+TEST_F(FullscreenPlayer, WithoutAKeyWindowNothingHappens) {
+    window.reset(); // the only window was key
+    const auto before = player().player()->currentItem();
+    player().playVideo(clip("counter.mp4"));
+    settle();
+    EXPECT_EQ(player().player()->currentItem(), before);
+    EXPECT_EQ(player().playerViewController()->presentingViewController(), nullptr);
+}
+
+TEST_F(FullscreenPlayer, WithoutARootOrAVisibleControllerNothingHappens) {
+    window->makeKeyAndVisible();
+    const auto before = player().player()->currentItem();
+    player().playVideo(clip("counter.mp4"));
+    show(std::make_shared<ui::NavigationController>()); // no top controller: nothing visible
+    player().playVideo(clip("counter.mp4"));
+    settle();
+    EXPECT_EQ(player().player()->currentItem(), before);
+}
+
+TEST_F(FullscreenPlayer, PresentsOnTheVisibleControllerAndPlaysOnceTheAnimationEnds) {
+    auto top = std::make_shared<Host>();
+    show(std::make_shared<ui::NavigationController>(top));
+    player().playVideo(clip("counter.mp4"));
+    EXPECT_EQ(currentUrl(), clip("counter.mp4").absoluteString());
+    app().pump();
+    clock += app().animationDuration() / 2;
+    app().pump();
+    EXPECT_EQ(player().player()->rate(), 0) << "not before the presentation has finished";
+    clock += app().animationDuration();
+    app().pump();
+    EXPECT_EQ(player().player()->rate(), 1);
+    EXPECT_EQ(window->rootViewController()->visibleViewController(),
+              player().playerViewController());
+    EXPECT_EQ(top->disappearances, 1);
+}
+
+TEST_F(FullscreenPlayer, ASecondCallSwitchesTheVideoInPlace) {
+    auto host = std::make_shared<Host>();
+    show(host);
+    player().playVideo(clip("counter.mp4"));
+    settle();
+    const auto screen = host->presentedViewController();
+    ASSERT_EQ(screen, player().playerViewController());
+    player().player()->pause();
+
+    player().playVideo(clip("green-screen.mp4"));
+    EXPECT_EQ(currentUrl(), clip("green-screen.mp4").absoluteString());
+    EXPECT_EQ(player().player()->rate(), 1) << "plays at once, without a new presentation";
+    settle();
+    EXPECT_EQ(host->presentedViewController(), screen);
+    EXPECT_EQ(screen->presentedViewController(), nullptr);
+    EXPECT_EQ(host->disappearances, 1);
+}
+
+TEST_F(FullscreenPlayer, TheUserClosesTheScreenAndThePlayerKeepsItsItem) {
+    auto host = std::make_shared<Host>();
+    show(host);
+    player().playVideo(clip("counter.mp4"));
+    settle();
+    const ui::Rect done = player().playerViewController()->closeButton()->frame();
+    window->tap({done.midX(), done.midY()});
+    settle();
+    EXPECT_EQ(host->presentedViewController(), nullptr);
+    EXPECT_EQ(currentUrl(), clip("counter.mp4").absoluteString());
+
+    player().playVideo(clip("green-screen.mp4")); // and it comes back for the next video
+    settle();
+    EXPECT_EQ(host->presentedViewController(), player().playerViewController());
+}
+
+} // namespace
+} // namespace pelkit::test
