@@ -27,6 +27,8 @@ function(pelkit_add_module name)
         PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
     target_link_libraries(pelkit_${name} PUBLIC ${ARG_PUBLIC}
         PRIVATE ${ARG_PRIVATE} $<BUILD_INTERFACE:pelkit_warnings>)
+    # The public headers use std::expected: a host compiles them as C++23 too.
+    target_compile_features(pelkit_${name} PUBLIC cxx_std_23)
     set(file_name pelkit_${name})
     if(name STREQUAL "pelkit")
         set(file_name pelkit)
