@@ -24,7 +24,8 @@ install(FILES ${PROJECT_BINARY_DIR}/pelkitConfig.cmake
 # headers include is, and the rest is left to `pkg-config --static`.
 function(pelkit_write_pkg_config)
     macro(pelkit_dependency first)
-        cmake_parse_arguments(ARG "PUBLIC" "" "PC;LIBS" ${ARGN})
+        cmake_parse_arguments(ARG "PUBLIC" "" "PC;LIBS;DEB" ${ARGN})
+        set_property(GLOBAL APPEND PROPERTY PELKIT_DEBIAN_PACKAGES ${ARG_DEB})
         if(ARG_PUBLIC OR NOT BUILD_SHARED_LIBS)
             list(APPEND PELKIT_PC_REQUIRES ${ARG_PC})
             list(APPEND PELKIT_PC_LIBS ${ARG_LIBS})

@@ -1,7 +1,7 @@
 # A Debian package of the installed files: `cpack -G DEB` in the build directory (see
 # scripts/check-deb). The programs' runtime libraries come from dpkg-shlibdeps; a host linking the
-# static libraries also needs the development packages of everything they link
-# (cmake/pelkitDependencies.cmake), and pkg-config, which pelkitConfig.cmake uses.
+# static libraries also needs a compiler, pkg-config (pelkitConfig.cmake uses it) and the
+# development packages of everything they link (cmake/pelkitDependencies.cmake).
 set(CPACK_PACKAGE_NAME pelkit)
 set(CPACK_PACKAGE_VENDOR PELkit)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Image-recognition augmented-reality framework")
@@ -18,9 +18,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # the libraries and written into pelkit.pc is the package's (configure with
 # -DCMAKE_INSTALL_PREFIX=/usr).
 set(CPACK_SET_DESTDIR ON)
-set(pelkit_development_packages
-    pkg-config g++ nlohmann-json3-dev libglm-dev libcurl4-openssl-dev libpng-dev
-    libjpeg62-turbo-dev libutf8proc-dev libzip-dev libavformat-dev libavcodec-dev libswscale-dev
-    libswresample-dev libavutil-dev libsdl2-dev libegl-dev libgles-dev)
+get_property(pelkit_development_packages GLOBAL PROPERTY PELKIT_DEBIAN_PACKAGES)
+list(PREPEND pelkit_development_packages g++ pkg-config)
 list(JOIN pelkit_development_packages ", " CPACK_DEBIAN_PACKAGE_DEPENDS)
 include(CPack)
