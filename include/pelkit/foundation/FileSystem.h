@@ -28,7 +28,7 @@ std::filesystem::path documentsDirectory();
 
 /// `name` appended to `directory` as relative path components, as a file URL's
 /// appendingPathComponent does, where std::filesystem's `/` would let an absolute name replace
-/// the directory: "/dev/zero" gives <directory>/dev/zero. Empty and "." components are dropped;
+/// the directory: "/dev/zero" gives `<directory>/dev/zero`. Empty and "." components are dropped;
 /// ".." steps back, but never above `directory`. Only computed; nothing is touched.
 ///
 ///     appendingPathComponent(project, "images/a.jpg");  // <project>/images/a.jpg
