@@ -61,6 +61,7 @@ struct Mp4Writer::State {
     std::unique_ptr<SwsContext, ScalerDeleter> scaler;
     AVStream* stream = nullptr;
     std::int64_t lastPts = -1;
+    std::int64_t frameDuration = 33; // the last interval between pictures, in milliseconds
     std::optional<double> firstTime;
     std::uint64_t pictures = 0;
     bool finished = false;
@@ -87,6 +88,8 @@ Result<void> openEncoder(Mp4Writer::State& s, const AVCodec* encoder, int width,
     c->time_base = kTimeBase;
     c->framerate = {30, 1};
     c->gop_size = 30;
+    // Without reordered frames every picture comes out as it went in, the last one included.
+    c->max_b_frames = 0;
     if (s.format->oformat->flags & AVFMT_GLOBALHEADER)
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     if (encoder->id == AV_CODEC_ID_H264) {
@@ -177,6 +180,10 @@ Result<void> Mp4Writer::State::drain() {
             return {};
         if (r < 0)
             return std::unexpected(ffmpegError("avcodec_receive_packet", r));
+        // A picture without a duration shows for no time at the end of the file, and players
+        // drop it; let each last as long as the interval before it.
+        if (packet->duration <= 0)
+            packet->duration = frameDuration;
         av_packet_rescale_ts(packet.get(), codec->time_base, stream->time_base);
         packet->stream_index = stream->index;
         r = av_interleaved_write_frame(format.get(), packet.get());
@@ -199,7 +206,10 @@ Result<void> Mp4Writer::write(const image::Image& picture, double time) {
     if (!s.firstTime)
         s.firstTime = time;
     auto pts = static_cast<std::int64_t>(std::llround((time - *s.firstTime) * 1000));
-    s.frame->pts = s.lastPts = std::max(pts, s.lastPts + 1);
+    pts = std::max(pts, s.lastPts + 1);
+    if (s.lastPts >= 0)
+        s.frameDuration = pts - s.lastPts;
+    s.frame->pts = s.lastPts = pts;
     if (int r = avcodec_send_frame(s.codec.get(), s.frame.get()); r < 0)
         return std::unexpected(ffmpegError("avcodec_send_frame", r));
     ++s.pictures;

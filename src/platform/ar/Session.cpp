@@ -42,6 +42,9 @@ namespace {
 // waits in a row (half a second) mean it has stopped delivering.
 constexpr std::chrono::milliseconds kFramePoll{100};
 constexpr int kQuietPollsToInterrupt = 5;
+// A clock stepped by a frame's duration sums to a hair less than the frame's time; that frame
+// is still due.
+constexpr double kClockSlack = 1e-6;
 
 struct Request {
     enum class Kind { run, pause } kind = Kind::run;
@@ -238,7 +241,7 @@ void Session::State::step(std::stop_token wakeToken) {
             firstTimestamp = camera.timestamp;
         clockTime = origin + (camera.timestamp - *firstTimestamp);
         // A request that comes while the frame waits for its time drops the frame.
-        if (!feed.clock->waitUntil(clockTime, wakeToken))
+        if (!feed.clock->waitUntil(clockTime - kClockSlack, wakeToken))
             return;
     }
     show(std::move(camera), clockTime);
