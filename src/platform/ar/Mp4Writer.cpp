@@ -95,6 +95,8 @@ Result<void> openEncoder(Mp4Writer::State& s, const AVCodec* encoder, int width,
     if (encoder->id == AV_CODEC_ID_H264) {
         av_opt_set(c->priv_data, "preset", "veryfast", 0);
         av_opt_set(c->priv_data, "crf", "20", 0);
+        // x264 prints a page of statistics at the end; errors are enough.
+        av_opt_set(c->priv_data, "x264-params", "log=0", 0);
     } else {
         // A fixed quantiser: the encoder's default bit rate smears drawn lines.
         c->flags |= AV_CODEC_FLAG_QSCALE;
