@@ -11,6 +11,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cmath>
+#include <mutex>
 #include <optional>
 #include <system_error>
 
@@ -72,6 +73,9 @@ struct Mp4Writer::State {
 namespace {
 
 const AVCodec* chooseEncoder() {
+    // Encoders print their settings and statistics; only errors belong on the terminal.
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
     if (const AVCodec* h264 = avcodec_find_encoder_by_name("libx264"))
         return h264;
     return avcodec_find_encoder(AV_CODEC_ID_MPEG4);
