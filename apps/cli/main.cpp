@@ -2,6 +2,7 @@
 // `pelkit show` prints the stored project. See `pelkit --help`. A command is a function that adds
 // the subcommand with its options and returns what runs it.
 #include "Progress.h"
+#include "Track.h"
 
 #include "common/CommandLine.h"
 
@@ -271,7 +272,8 @@ int main(int argc, char** argv) {
                     "options.",
                     "pelkit");
     pelkit.require_subcommand(1);
-    const Command commands[] = {addSync(pelkit), addShow(pelkit)};
+    const auto track = apps::addTrack(pelkit);
+    const Command commands[] = {addSync(pelkit), addShow(pelkit), {track.app, track.run}};
     if (const auto status = apps::parseMain(pelkit, argc, argv))
         return *status;
     for (const auto& command : commands) {

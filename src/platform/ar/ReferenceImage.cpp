@@ -1,5 +1,11 @@
 #include <pelkit/ar/ReferenceImage.h>
 
+#include "Recognizer.h"
+
+#include <pelkit/foundation/Dispatch.h>
+
+#include <opencv2/core.hpp>
+
 #include <mutex>
 
 namespace pelkit::ar {
@@ -43,6 +49,38 @@ std::optional<std::string> ReferenceImage::name() const {
 void ReferenceImage::setName(std::optional<std::string> name) {
     std::lock_guard lock(name_->mutex);
     name_->value = std::move(name);
+}
+
+namespace {
+
+constexpr int kMinimumSide = 64;
+constexpr int kMinimumFeatures = 60;
+
+ErrorPtr unusable(std::string why) {
+    return Error::make("ar.referenceImage", 1, std::move(why));
+}
+
+} // namespace
+
+void ReferenceImage::validate(std::function<void(ErrorPtr)> completion) const {
+    // Finding features takes tens of milliseconds on a photo: off the caller's thread, and off
+    // the main and HTTP queues, which may be waiting for this answer.
+    DispatchQueue::global().async([self = shared_from_this(), completion = std::move(completion)] {
+        const auto& image = *self->image();
+        if (image.width < kMinimumSide || image.height < kMinimumSide)
+            return completion(unusable("the image is " + std::to_string(image.width) + "x" +
+                                       std::to_string(image.height) + " pixels; at least " +
+                                       std::to_string(kMinimumSide) +
+                                       " pixels are needed on each side"));
+        std::vector<cv::KeyPoint> keypoints;
+        cv::Mat descriptors;
+        detail::orbFeatures(detail::workingPicture(*self), 500, 12, 20, keypoints, descriptors);
+        if (keypoints.size() < std::size_t(kMinimumFeatures))
+            return completion(unusable(
+                "the image has too little detail to track: " + std::to_string(keypoints.size()) +
+                " features, at least " + std::to_string(kMinimumFeatures) + " needed"));
+        completion(nullptr);
+    });
 }
 
 } // namespace pelkit::ar

@@ -1,0 +1,292 @@
+// Recognition hands each found image to a tracker that follows its points from frame to frame
+// with pyramidal Lucas-Kanade (checked forward and backward) and re-aligns it with its reference
+// now and then, so it neither drifts nor pays for recognition every frame.
+#include "OpenCv.h"
+#include "Recognizer.h"
+
+#include <pelkit/ar/ImageTracker.h>
+#include <pelkit/foundation/Dispatch.h>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/features2d.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/video/tracking.hpp>
+
+#include <algorithm>
+#include <mutex>
+
+namespace pelkit::ar {
+
+ImageTracker::~ImageTracker() = default;
+
+namespace {
+
+using detail::Alignment;
+using detail::Detection;
+using detail::Recognizer;
+
+constexpr int kInitializingFrames = 3;
+constexpr int kRealignEvery = 10;
+const cv::Size kWindow(21, 21);
+constexpr int kPyramidLevels = 3;
+
+using Pyramid = std::vector<cv::Mat>;
+
+Pyramid pyramidOf(const cv::Mat& grey) {
+    Pyramid pyramid;
+    cv::buildOpticalFlowPyramid(grey, pyramid, kWindow, kPyramidLevels);
+    return pyramid;
+}
+
+double area(const std::array<cv::Point2d, 4>& q) {
+    double sum = 0;
+    for (int i = 0; i < 4; ++i)
+        sum += q[i].x * q[(i + 1) % 4].y - q[(i + 1) % 4].x * q[i].y;
+    return sum / 2;
+}
+
+// Moves an alignment's frame points from one frame to the next and refits its homography; false
+// when too few points survive the forward-backward check or the shape jumps.
+bool follow(const Pyramid& from, const Pyramid& to, cv::Size working, Alignment& alignment,
+            int minimum) {
+    if (alignment.framePoints.size() < std::size_t(minimum))
+        return false;
+    std::vector<cv::Point2f> moved, back;
+    std::vector<std::uint8_t> status, backStatus;
+    std::vector<float> error;
+    cv::TermCriteria criteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01);
+    cv::calcOpticalFlowPyrLK(from, to, alignment.framePoints, moved, status, error, kWindow,
+                             kPyramidLevels, criteria);
+    back = alignment.framePoints;
+    cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, kPyramidLevels,
+                             criteria, cv::OPTFLOW_USE_INITIAL_FLOW);
+    std::vector<cv::Point2f> reference, frame;
+    for (std::size_t i = 0; i < moved.size(); ++i)
+        if (status[i] && backStatus[i] && cv::norm(back[i] - alignment.framePoints[i]) < 0.7) {
+            reference.push_back(alignment.referencePoints[i]);
+            frame.push_back(moved[i]);
+        }
+    if (int(reference.size()) < minimum)
+        return false;
+    std::vector<std::uint8_t> inliers;
+    cv::Mat h = cv::findHomography(reference, frame, cv::RANSAC, 3.0, inliers, 500, 0.995);
+    if (h.empty() || cv::countNonZero(inliers) < minimum)
+        return false;
+    cv::Matx33d homography(h);
+    double before = area(detail::frameCorners(alignment.homography, working));
+    double after = area(detail::frameCorners(homography, working));
+    if (!detail::plausible(detail::frameCorners(homography, working), 100) || after > 2 * before ||
+        after < 0.5 * before)
+        return false;
+    alignment.homography = homography;
+    alignment.referencePoints.clear();
+    alignment.framePoints.clear();
+    for (std::size_t i = 0; i < reference.size(); ++i)
+        if (inliers[i]) {
+            alignment.referencePoints.push_back(reference[i]);
+            alignment.framePoints.push_back(frame[i]);
+        }
+    return true;
+}
+
+// The pose of a picture whose corners are `corners`, in the anchor convention.
+glm::dmat4 poseOf(const std::array<glm::dvec2, 4>& corners, glm::dvec2 size,
+                  const CameraIntrinsics& intrinsics) {
+    double w = size.x / 2, h = size.y / 2;
+    // The picture's own axes: x to its right, y to its bottom, z into it.
+    std::vector<cv::Point3d> object{{-w, -h, 0}, {w, -h, 0}, {w, h, 0}, {-w, h, 0}};
+    std::vector<cv::Point2d> image;
+    for (auto c : corners)
+        image.emplace_back(c.x, c.y);
+    cv::Mat rvec, tvec;
+    if (!cv::solvePnP(object, image, cv::Mat(cvx::cameraMatrix(intrinsics)), cv::noArray(), rvec,
+                      tvec, false, cv::SOLVEPNP_IPPE))
+        return glm::dmat4(1.0);
+    cv::Matx33d r;
+    cv::Rodrigues(rvec, r);
+    // OpenCV's camera looks down +z with y down; ours down -z with y up.
+    auto toScene = [](cv::Vec3d v) { return glm::dvec4(v[0], -v[1], -v[2], 0); };
+    glm::dmat4 out(1.0);
+    out[0] = toScene(r * cv::Vec3d(1, 0, 0));
+    out[1] = toScene(r * cv::Vec3d(0, 0, -1)); // the normal toward the camera side
+    out[2] = toScene(r * cv::Vec3d(0, 1, 0));  // toward the bottom edge
+    out[3] = toScene(cv::Vec3d(tvec)) + glm::dvec4(0, 0, 0, 1);
+    return out;
+}
+
+FrameQuality qualityOf(const cv::Mat& grey, int frameIndex) {
+    if (frameIndex < kInitializingFrames)
+        return FrameQuality::initializing;
+    cv::Mat small;
+    double scale = 320.0 / grey.cols;
+    if (scale < 1)
+        cv::resize(grey, small, cv::Size(), scale, scale, cv::INTER_AREA);
+    else
+        small = grey;
+    std::vector<cv::KeyPoint> corners;
+    cv::FAST(small, corners, 20);
+    if (corners.size() < 30)
+        return FrameQuality::insufficientFeatures;
+    // A blurred frame loses its fine detail: little second-derivative energy for its contrast.
+    cv::Mat laplacian;
+    cv::Laplacian(small, laplacian, CV_32F);
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(laplacian, mean, deviation);
+    if (deviation[0] * deviation[0] < 40)
+        return FrameQuality::excessiveMotion;
+    return FrameQuality::good;
+}
+
+struct Tracked {
+    int target;
+    Alignment alignment;
+    int framesSinceAlignment = 0;
+    std::size_t alignedPoints = 0;
+};
+
+// What the recognition worker hands back: detections in the frame it was given.
+struct WorkerState {
+    std::mutex mutex;
+    bool busy = false;
+    std::vector<Detection> found;
+    Pyramid pyramid;
+};
+
+class Tracker final : public ImageTracker {
+public:
+    Tracker(std::vector<ReferenceImagePtr> images, int maximum, RecognitionMode mode)
+        : references_(std::move(images)), maximum_(std::max(0, maximum)), mode_(mode),
+          recognizer_(std::make_shared<Recognizer>(references_)),
+          worker_(std::make_shared<WorkerState>()) {
+        if (mode_ == RecognitionMode::background)
+            queue_ = std::make_unique<DispatchQueue>("ar.recognition");
+    }
+
+    TrackingResult process(const CameraFrame& frame) override {
+        cv::Mat grey = cvx::grey(*frame.image);
+        Pyramid pyramid = pyramidOf(grey);
+        followTracked(grey, pyramid);
+        if (mode_ == RecognitionMode::background) {
+            adoptFound(pyramid);
+            if (wantsMore())
+                startRecognition(grey, pyramid);
+        } else if (wantsMore()) {
+            for (auto& detection : recognizer_->detect(grey, trackedTargets(), room()))
+                start(std::move(detection));
+        }
+        previous_ = std::move(pyramid);
+        TrackingResult result;
+        result.quality = qualityOf(grey, frameIndex_++);
+        for (const auto& tracked : tracked_)
+            result.images.push_back(observation(tracked, frame.intrinsics));
+        return result;
+    }
+
+private:
+    int room() const { return maximum_ - int(tracked_.size()); }
+    bool wantsMore() const { return room() > 0 && tracked_.size() < references_.size(); }
+    std::vector<int> trackedTargets() const {
+        std::vector<int> out;
+        for (const auto& tracked : tracked_)
+            out.push_back(tracked.target);
+        return out;
+    }
+
+    void start(Detection detection) {
+        Tracked tracked{detection.target, std::move(detection.alignment)};
+        tracked.alignedPoints = tracked.alignment.framePoints.size();
+        tracked_.push_back(std::move(tracked));
+    }
+
+    void followTracked(const cv::Mat& grey, const Pyramid& pyramid) {
+        int minimum = 12;
+        std::erase_if(tracked_, [&](Tracked& tracked) {
+            auto working = recognizer_->workingSize(tracked.target);
+            int floor = std::max(minimum, int(0.3 * tracked.alignedPoints));
+            if (previous_.empty() || !follow(previous_, pyramid, working, tracked.alignment, floor))
+                return true;
+            // Re-align with the reference now and then, and when points thin out, so that
+            // errors of frame-to-frame tracking do not add up.
+            if (++tracked.framesSinceAlignment >= kRealignEvery ||
+                tracked.alignment.framePoints.size() < 0.6 * tracked.alignedPoints) {
+                Alignment aligned = tracked.alignment;
+                if (recognizer_->refine(grey, tracked.target, aligned)) {
+                    tracked.alignment = std::move(aligned);
+                    tracked.alignedPoints = tracked.alignment.framePoints.size();
+                }
+                tracked.framesSinceAlignment = 0;
+            }
+            return false;
+        });
+    }
+
+    void adoptFound(const Pyramid& pyramid) {
+        std::vector<Detection> found;
+        Pyramid then;
+        {
+            std::lock_guard lock(worker_->mutex);
+            found = std::move(worker_->found);
+            worker_->found.clear();
+            then = std::move(worker_->pyramid);
+            worker_->pyramid.clear();
+        }
+        // The worker saw an older frame: carry what it found forward to this one.
+        for (auto& detection : found) {
+            auto known = trackedTargets();
+            if (room() <= 0 || std::ranges::find(known, detection.target) != known.end())
+                continue;
+            if (follow(then, pyramid, recognizer_->workingSize(detection.target),
+                       detection.alignment, 12))
+                start(std::move(detection));
+        }
+    }
+
+    void startRecognition(const cv::Mat& grey, const Pyramid& pyramid) {
+        {
+            std::lock_guard lock(worker_->mutex);
+            if (worker_->busy)
+                return;
+            worker_->busy = true;
+        }
+        queue_->async([worker = worker_, recognizer = recognizer_, grey, pyramid,
+                       skip = trackedTargets(), count = room()] {
+            auto found = recognizer->detect(grey, skip, count);
+            std::lock_guard lock(worker->mutex);
+            worker->found = std::move(found);
+            worker->pyramid = pyramid;
+            worker->busy = false;
+        });
+    }
+
+    ImageObservation observation(const Tracked& tracked, const CameraIntrinsics& intrinsics) const {
+        ImageObservation out;
+        out.referenceImage = references_[tracked.target];
+        auto corners = detail::frameCorners(tracked.alignment.homography,
+                                            recognizer_->workingSize(tracked.target));
+        for (int i = 0; i < 4; ++i)
+            out.corners[i] = {corners[i].x, corners[i].y};
+        out.transform = poseOf(out.corners, out.referenceImage->physicalSize(), intrinsics);
+        return out;
+    }
+
+    std::vector<ReferenceImagePtr> references_;
+    int maximum_;
+    RecognitionMode mode_;
+    std::shared_ptr<const Recognizer> recognizer_;
+    std::shared_ptr<WorkerState> worker_;
+    std::vector<Tracked> tracked_;
+    Pyramid previous_;
+    int frameIndex_ = 0;
+    // Last, so it is joined before the state its work items share is released.
+    std::unique_ptr<DispatchQueue> queue_;
+};
+
+} // namespace
+
+std::unique_ptr<ImageTracker> ImageTracker::create(std::vector<ReferenceImagePtr> images,
+                                                   int maximumNumberOfTrackedImages,
+                                                   RecognitionMode mode) {
+    return std::make_unique<Tracker>(std::move(images), maximumNumberOfTrackedImages, mode);
+}
+
+} // namespace pelkit::ar

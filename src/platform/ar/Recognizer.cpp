@@ -1,0 +1,382 @@
+#include "Recognizer.h"
+
+#include "OpenCv.h"
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/features2d.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/video/tracking.hpp>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+
+namespace pelkit::ar::detail {
+namespace {
+
+constexpr int kMaximumTables = 32;
+constexpr int kMaximumKeyBits = 24;
+constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
+constexpr std::size_t kCachedPictures = 16;
+
+using Descriptor = std::array<std::uint64_t, 4>;
+
+int distance(const Descriptor& a, const Descriptor& b) {
+    return std::popcount(a[0] ^ b[0]) + std::popcount(a[1] ^ b[1]) + std::popcount(a[2] ^ b[2]) +
+           std::popcount(a[3] ^ b[3]);
+}
+
+Descriptor descriptorAt(const cv::Mat& descriptors, int row) {
+    Descriptor d;
+    std::memcpy(d.data(), descriptors.ptr(row), sizeof d);
+    return d;
+}
+
+double quadArea(const std::array<cv::Point2d, 4>& q) {
+    double sum = 0;
+    for (int i = 0; i < 4; ++i)
+        sum += q[i].x * q[(i + 1) % 4].y - q[(i + 1) % 4].x * q[i].y;
+    return sum / 2;
+}
+
+} // namespace
+
+cv::Mat workingPicture(const ReferenceImage& reference) {
+    cv::Mat grey = cvx::uprightGrey(reference);
+    double scale = double(kWorkingSize) / std::max(grey.cols, grey.rows);
+    if (scale < 1)
+        cv::resize(grey, grey,
+                   cv::Size(std::max(1, int(std::lround(grey.cols * scale))),
+                            std::max(1, int(std::lround(grey.rows * scale)))),
+                   0, 0, cv::INTER_AREA);
+    return grey;
+}
+
+void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
+                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors) {
+    auto orb =
+        cv::ORB::create(features, 1.2f, levels, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, fastThreshold);
+    orb->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
+    // OpenCV scales a coarse level's coordinates without the half-pixel shift between pixel
+    // centres of the two levels, which puts them off by half a pixel per step of scale.
+    for (auto& keypoint : keypoints)
+        keypoint.pt += cv::Point2f(0.5f, 0.5f) * (std::pow(1.2f, float(keypoint.octave)) - 1);
+}
+
+std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working) {
+    double w = working.width - 0.5, h = working.height - 0.5;
+    const cv::Point2d edges[] = {{-0.5, -0.5}, {w, -0.5}, {w, h}, {-0.5, h}};
+    std::array<cv::Point2d, 4> out;
+    for (int i = 0; i < 4; ++i) {
+        cv::Vec3d p = homography * cv::Vec3d(edges[i].x, edges[i].y, 1);
+        out[i] = {p[0] / p[2], p[1] / p[2]};
+    }
+    return out;
+}
+
+bool plausible(const std::array<cv::Point2d, 4>& corners, double minimumArea) {
+    // Convex and not mirrored: every turn goes the same way as in the reference.
+    for (int i = 0; i < 4; ++i) {
+        auto a = corners[(i + 1) % 4] - corners[i], b = corners[(i + 2) % 4] - corners[(i + 1) % 4];
+        if (a.cross(b) <= 0)
+            return false;
+    }
+    return quadArea(corners) >= minimumArea;
+}
+
+// Bit-sampling locality-sensitive hashing: each table keys a descriptor on a fixed sample of its
+// bits, so descriptors a few bits apart usually share a bucket in some table. Buckets are stored
+// flat (offsets into one array per table) to keep lookups to two reads.
+struct Recognizer::Index {
+    int tables = 0, keyBits = 0;
+    std::array<std::array<std::uint8_t, kMaximumKeyBits>, kMaximumTables> bits{};
+    std::array<std::vector<std::uint32_t>, kMaximumTables> offsets, entries;
+    std::vector<Descriptor> descriptors;
+    std::vector<std::uint32_t> owner; // target of each descriptor
+    std::vector<cv::Point2f> points;  // its position in the target's working picture
+
+    std::uint32_t key(int table, const Descriptor& d) const {
+        std::uint32_t k = 0;
+        for (int b = 0; b < keyBits; ++b) {
+            int bit = bits[table][b];
+            k = (k << 1) | std::uint32_t((d[bit >> 6] >> (bit & 63)) & 1);
+        }
+        return k;
+    }
+
+    void build(int tableCount, int bitCount) {
+        tables = std::clamp(tableCount, 1, kMaximumTables);
+        keyBits = std::clamp(bitCount, 4, kMaximumKeyBits);
+        cv::RNG rng(0x5eed);
+        for (auto& table : bits)
+            for (auto& bit : table)
+                bit = std::uint8_t(rng.uniform(0, 256));
+        for (int t = 0; t < tables; ++t) {
+            std::vector<std::uint32_t> keys(descriptors.size());
+            offsets[t].assign((1u << keyBits) + 1, 0);
+            for (std::size_t i = 0; i < descriptors.size(); ++i)
+                ++offsets[t][(keys[i] = key(t, descriptors[i])) + 1];
+            std::partial_sum(offsets[t].begin(), offsets[t].end(), offsets[t].begin());
+            entries[t].resize(descriptors.size());
+            auto fill = offsets[t];
+            for (std::size_t i = 0; i < descriptors.size(); ++i)
+                entries[t][fill[keys[i]]++] = std::uint32_t(i);
+        }
+    }
+};
+
+struct Recognizer::Target {
+    cv::Size working;
+    std::pair<std::uint32_t, std::uint32_t> features; // its range in the index
+};
+
+Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
+                       RecognizerSettings settings)
+    : settings_(settings), references_(references), index_(std::make_unique<Index>()) {
+    for (std::size_t t = 0; t < references.size(); ++t) {
+        cv::Mat grey = workingPicture(*references[t]);
+        std::vector<cv::KeyPoint> keypoints;
+        cv::Mat descriptors;
+        orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20, keypoints,
+                    descriptors);
+        auto first = std::uint32_t(index_->descriptors.size());
+        targets_.push_back({grey.size(), {first, first + std::uint32_t(descriptors.rows)}});
+        for (int i = 0; i < descriptors.rows; ++i) {
+            index_->descriptors.push_back(descriptorAt(descriptors, i));
+            index_->owner.push_back(std::uint32_t(t));
+            index_->points.push_back(keypoints[i].pt);
+        }
+    }
+    index_->build(settings_.tables, settings_.keyBits);
+}
+
+Recognizer::~Recognizer() = default;
+
+std::size_t Recognizer::targetCount() const {
+    return targets_.size();
+}
+
+cv::Size Recognizer::workingSize(int target) const {
+    return targets_[target].working;
+}
+
+std::size_t Recognizer::databaseBytes() const {
+    std::size_t n = index_->descriptors.size();
+    std::size_t bytes = n * (sizeof(Descriptor) + sizeof(std::uint32_t) + sizeof(cv::Point2f));
+    for (int t = 0; t < index_->tables; ++t)
+        bytes += index_->entries[t].size() * 4 + index_->offsets[t].size() * 4;
+    return bytes + targets_.size() * sizeof(Target);
+}
+
+namespace {
+
+struct Hit {
+    std::uint32_t id;
+    int distance;
+};
+
+// The index's hits within kMaximumDistance of each frame descriptor, flat: hits of descriptor i
+// are hits[first[i]] .. hits[first[i + 1]].
+struct Lookup {
+    std::vector<Hit> hits;
+    std::vector<std::uint32_t> first;
+};
+
+} // namespace
+
+std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector<int>& skip,
+                                          int count) const {
+    std::vector<cv::KeyPoint> keypoints;
+    cv::Mat descriptors;
+    // As many features per pixel at any resolution, up to a point.
+    double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
+    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12, keypoints,
+                descriptors);
+    if (count <= 0 || descriptors.rows < settings_.minimumInliers || targets_.empty())
+        return {};
+
+    // Each descriptor of the frame votes for the target of its nearest indexed neighbour.
+    thread_local std::vector<std::uint32_t> visited;
+    thread_local std::uint32_t generation = 0;
+    if (visited.size() < index_->descriptors.size()) {
+        visited.assign(index_->descriptors.size(), 0);
+        generation = 0;
+    }
+    std::vector<int> votes(targets_.size(), 0);
+    for (int t : skip)
+        votes[t] = -1 << 20;
+    Lookup lookup;
+    lookup.first.reserve(descriptors.rows + 1);
+    for (int i = 0; i < descriptors.rows; ++i) {
+        lookup.first.push_back(std::uint32_t(lookup.hits.size()));
+        if (++generation == 0) {
+            std::fill(visited.begin(), visited.end(), 0);
+            generation = 1;
+        }
+        Descriptor d = descriptorAt(descriptors, i);
+        Hit best{0, kMaximumDistance + 1};
+        for (int t = 0; t < index_->tables; ++t) {
+            auto k = index_->key(t, d);
+            for (auto e = index_->offsets[t][k]; e < index_->offsets[t][k + 1]; ++e) {
+                auto id = index_->entries[t][e];
+                if (visited[id] == generation)
+                    continue;
+                visited[id] = generation;
+                int dist = distance(d, index_->descriptors[id]);
+                if (dist > kMaximumDistance)
+                    continue;
+                lookup.hits.push_back({id, dist});
+                if (dist < best.distance)
+                    best = {id, dist};
+            }
+        }
+        if (best.distance <= kMaximumDistance)
+            ++votes[index_->owner[best.id]];
+    }
+    lookup.first.push_back(std::uint32_t(lookup.hits.size()));
+
+    std::vector<int> order(targets_.size());
+    std::iota(order.begin(), order.end(), 0);
+    int shortlist = std::min<int>(settings_.candidates, int(order.size()));
+    std::partial_sort(order.begin(), order.begin() + shortlist, order.end(),
+                      [&](int a, int b) { return votes[a] > votes[b]; });
+
+    std::vector<Detection> found;
+    double minimumArea = 0.002 * grey.total();
+    for (int c = 0; c < shortlist && votes[order[c]] >= 4; ++c) {
+        int target = order[c];
+        // Matches to this target alone, kept when clearly better than the runner-up within it.
+        // Exhaustive over the target's features: the index finds only some of the true matches.
+        Alignment alignment;
+        const auto [begin, end] = targets_[target].features;
+        for (int i = 0; i < descriptors.rows; ++i) {
+            Descriptor d = descriptorAt(descriptors, i);
+            Hit first{0, 1 << 20}, second{0, 1 << 20};
+            for (auto id = begin; id < end; ++id) {
+                int dist = distance(d, index_->descriptors[id]);
+                if (dist < first.distance) {
+                    second = first;
+                    first = {id, dist};
+                } else if (dist < second.distance) {
+                    second = {id, dist};
+                }
+            }
+            if (first.distance <= kMaximumDistance &&
+                first.distance < settings_.ratio * second.distance) {
+                alignment.referencePoints.push_back(index_->points[first.id]);
+                alignment.framePoints.push_back(keypoints[i].pt);
+            }
+        }
+        if (int(alignment.referencePoints.size()) < settings_.minimumInliers)
+            continue;
+        std::vector<std::uint8_t> inliers;
+        cv::Mat h = cv::findHomography(alignment.referencePoints, alignment.framePoints,
+                                       cv::USAC_FAST, 4.0, inliers, 2000, 0.995);
+        if (h.empty() || cv::countNonZero(inliers) < settings_.minimumInliers)
+            continue;
+        alignment.homography = cv::Matx33d(h);
+        if (!plausible(frameCorners(alignment.homography, targets_[target].working), minimumArea))
+            continue;
+        if (!refine(grey, target, alignment))
+            continue;
+        found.push_back({target, std::move(alignment)});
+        if (int(found.size()) == count)
+            break;
+    }
+    return found;
+}
+
+cv::Mat Recognizer::picture(int target) const {
+    {
+        std::lock_guard lock(cacheMutex_);
+        for (auto& [t, picture] : cache_)
+            if (t == target)
+                return picture;
+    }
+    // Made outside the lock: another thread may make the same picture meanwhile, which costs
+    // time but no harm. Matrices share their pixels, so a caller's copy outlives eviction.
+    cv::Mat made = workingPicture(*references_[target]);
+    std::lock_guard lock(cacheMutex_);
+    if (cache_.size() == kCachedPictures)
+        cache_.erase(cache_.begin());
+    cache_.emplace_back(target, made);
+    return made;
+}
+
+namespace {
+
+// One pass of refinement: the frame warped into the reference's pixels at about the scale it is
+// seen at, corners of the reference followed into it with Lucas-Kanade, homography refitted.
+bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, int minimum) {
+    auto corners = frameCorners(alignment.homography, full.size());
+    double seen = std::sqrt(std::abs(quadArea(corners)) / double(full.total()));
+    double r = std::min(1.0, seen * 1.5);
+    cv::Mat reference = full;
+    if (r < 0.9)
+        cv::resize(full, reference,
+                   cv::Size(std::max(32, int(std::lround(full.cols * r))),
+                            std::max(32, int(std::lround(full.rows * r)))),
+                   0, 0, cv::INTER_AREA);
+    double rx = double(reference.cols) / full.cols, ry = double(reference.rows) / full.rows;
+    cv::Matx33d toReference(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1);
+    cv::Matx33d toFrame = alignment.homography * toReference.inv();
+    cv::Mat warped;
+    cv::warpPerspective(frame, warped, cv::Mat(toFrame), reference.size(),
+                        cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
+    // Lighting differs between the reference and the frame; match their brightness and contrast.
+    cv::Scalar mr, sr, mw, sw;
+    cv::meanStdDev(reference, mr, sr);
+    cv::meanStdDev(warped, mw, sw);
+    double gain = sw[0] > 1 ? sr[0] / sw[0] : 1;
+    warped.convertTo(warped, CV_8U, gain, mr[0] - gain * mw[0]);
+
+    std::vector<cv::Point2f> points, moved;
+    int spacing = std::max(4, std::min(reference.cols, reference.rows) / 24);
+    cv::goodFeaturesToTrack(reference, points, 160, 0.01, spacing);
+    if (int(points.size()) < minimum)
+        return false;
+    std::vector<std::uint8_t> status;
+    std::vector<float> error;
+    cv::calcOpticalFlowPyrLK(reference, warped, points, moved, status, error, cv::Size(15, 15), 2,
+                             {cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01});
+    std::vector<cv::Point2f> from, to;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (!status[i] || cv::norm(moved[i] - points[i]) > 8)
+            continue;
+        cv::Vec3d f = toFrame * cv::Vec3d(moved[i].x, moved[i].y, 1);
+        cv::Vec3d p = toReference.inv() * cv::Vec3d(points[i].x, points[i].y, 1);
+        from.emplace_back(float(p[0]), float(p[1]));
+        to.emplace_back(float(f[0] / f[2]), float(f[1] / f[2]));
+    }
+    if (int(from.size()) < minimum)
+        return false;
+    std::vector<std::uint8_t> inliers;
+    cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 1.5, inliers, 500, 0.995);
+    if (h.empty() || cv::countNonZero(inliers) < std::max<int>(minimum, int(0.3 * points.size())))
+        return false;
+    alignment.homography = cv::Matx33d(h);
+    alignment.referencePoints.clear();
+    alignment.framePoints.clear();
+    for (std::size_t i = 0; i < from.size(); ++i)
+        if (inliers[i]) {
+            alignment.referencePoints.push_back(from[i]);
+            alignment.framePoints.push_back(to[i]);
+        }
+    return true;
+}
+
+} // namespace
+
+bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) const {
+    cv::Mat full = picture(target);
+    double minimumArea = 0.002 * grey.total();
+    for (int pass = 0; pass < 2; ++pass)
+        if (!alignOnce(grey, full, alignment, settings_.minimumInliers) ||
+            !plausible(frameCorners(alignment.homography, full.size()), minimumArea))
+            return false;
+    return true;
+}
+
+} // namespace pelkit::ar::detail

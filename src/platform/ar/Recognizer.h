@@ -1,0 +1,88 @@
+// Finding reference images in a frame: ORB features of every reference in one hashed index, votes
+// for the references a frame's features resemble, homography verification of the best voted, and
+// a refinement that aligns the reference itself with the frame. Built once; `detect` and `refine`
+// are const and may run on any thread, several at once.
+#pragma once
+
+#include <pelkit/ar/ReferenceImage.h>
+
+#include <opencv2/core.hpp>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace pelkit::ar::detail {
+
+struct RecognizerSettings {
+    int referenceFeatures = 500;
+    int referenceLevels = 12;
+    int frameFeatures = 1000;
+    int frameLevels = 8;
+    int candidates = 5;
+    int tables = 10;    ///< hash tables of the index
+    int keyBits = 16;   ///< bits of a descriptor that key a table
+    double ratio = 0.8; ///< a match must be this much nearer than the runner-up
+    int minimumInliers = 12;
+};
+
+/// Correspondences between a reference (in its working pixels) and a frame.
+struct Alignment {
+    cv::Matx33d homography = cv::Matx33d::eye(); // reference working pixels -> frame pixels
+    std::vector<cv::Point2f> referencePoints;
+    std::vector<cv::Point2f> framePoints;
+};
+
+struct Detection {
+    int target = -1;
+    Alignment alignment;
+};
+
+/// A reference as the recogniser sees it: grey, upright, at most `kWorkingSize` pixels a side.
+cv::Mat workingPicture(const ReferenceImage& reference);
+constexpr int kWorkingSize = 640;
+
+/// ORB keypoints of `grey` whose positions are corrected for where OpenCV puts coarse-level ones.
+void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
+                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors);
+
+/// The outer corners of a working picture mapped into the frame.
+std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working);
+
+/// Whether `corners` make a convex quadrilateral of at least `minimumArea` square pixels.
+bool plausible(const std::array<cv::Point2d, 4>& corners, double minimumArea);
+
+class Recognizer {
+public:
+    explicit Recognizer(const std::vector<ReferenceImagePtr>& references,
+                        RecognizerSettings settings = {});
+    ~Recognizer();
+
+    /// Up to `count` references found in `grey`, best first, skipping those in `skip`.
+    std::vector<Detection> detect(const cv::Mat& grey, const std::vector<int>& skip,
+                                  int count) const;
+    /// Aligns reference `target` to `grey` starting from `alignment`, sub-pixel; false when the
+    /// reference does not hold up there.
+    bool refine(const cv::Mat& grey, int target, Alignment& alignment) const;
+
+    cv::Size workingSize(int target) const;
+    std::size_t targetCount() const;
+    /// Bytes the index and features take, for the benchmarks.
+    std::size_t databaseBytes() const;
+
+private:
+    struct Index;
+    struct Target;
+    cv::Mat picture(int target) const;
+
+    RecognizerSettings settings_;
+    std::vector<ReferenceImagePtr> references_;
+    std::vector<Target> targets_;
+    std::unique_ptr<Index> index_;
+    mutable std::mutex cacheMutex_;
+    mutable std::vector<std::pair<int, cv::Mat>> cache_; // recently refined working pictures
+};
+
+} // namespace pelkit::ar::detail
