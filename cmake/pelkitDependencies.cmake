@@ -23,3 +23,7 @@ pelkit_dependency(PkgConfig::ffmpeg PC libavformat libavcodec libswscale libswre
 pelkit_dependency(PkgConfig::sdl2 PC sdl2 DEB libsdl2-dev)
 pelkit_dependency(PkgConfig::egl PC egl DEB libegl-dev)
 pelkit_dependency(PkgConfig::glesv2 PC glesv2 DEB libgles-dev)
+pelkit_dependency(OpenCV PC opencv4 DEB libopencv-dev)
+pelkit_dependency(PkgConfig::sdl2_ttf PC SDL2_ttf DEB libsdl2-ttf-dev)
+pelkit_dependency(PkgConfig::ar_ffmpeg PC libavformat libavcodec libswscale libavutil
+    DEB libavformat-dev libavcodec-dev libswscale-dev libavutil-dev)
