@@ -177,45 +177,50 @@ struct Hit {
     int distance;
 };
 
-// The index's hits within kMaximumDistance of each frame descriptor, flat: hits of descriptor i
-// are hits[first[i]] .. hits[first[i + 1]].
-struct Lookup {
-    std::vector<Hit> hits;
-    std::vector<std::uint32_t> first;
+// The better two of a set of hits, for a ratio test.
+struct BestTwo {
+    Hit first{0, 1 << 20}, second{0, 1 << 20};
+    void add(Hit hit) {
+        if (hit.distance < first.distance) {
+            second = first;
+            first = hit;
+        } else if (hit.distance < second.distance) {
+            second = hit;
+        }
+    }
+    bool distinct(double ratio) const {
+        return first.distance <= kMaximumDistance && first.distance < ratio * second.distance;
+    }
 };
 
 } // namespace
 
-std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector<int>& skip,
-                                          int count) const {
+// The index's hits within kMaximumDistance of each frame descriptor, flat: hits of descriptor i
+// are hits[first[i]] .. hits[first[i + 1]].
+struct Recognizer::Lookup {
     std::vector<cv::KeyPoint> keypoints;
     cv::Mat descriptors;
-    // As many features per pixel at any resolution, up to a point.
-    double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
-    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12, keypoints,
-                descriptors);
-    if (count <= 0 || descriptors.rows < settings_.minimumInliers || targets_.empty())
-        return {};
+    std::vector<Hit> hits;
+    std::vector<std::uint32_t> first;
+    std::vector<double> votes; // per target
+};
 
-    // Each descriptor of the frame votes for the target of its nearest indexed neighbour.
+void Recognizer::lookUp(Lookup& lookup) const {
     thread_local std::vector<std::uint32_t> visited;
     thread_local std::uint32_t generation = 0;
     if (visited.size() < index_->descriptors.size()) {
         visited.assign(index_->descriptors.size(), 0);
         generation = 0;
     }
-    std::vector<int> votes(targets_.size(), 0);
-    for (int t : skip)
-        votes[t] = -1 << 20;
-    Lookup lookup;
-    lookup.first.reserve(descriptors.rows + 1);
-    for (int i = 0; i < descriptors.rows; ++i) {
-        lookup.first.push_back(std::uint32_t(lookup.hits.size()));
+    lookup.first.reserve(lookup.descriptors.rows + 1);
+    for (int i = 0; i < lookup.descriptors.rows; ++i) {
+        auto from = std::uint32_t(lookup.hits.size());
+        lookup.first.push_back(from);
         if (++generation == 0) {
             std::fill(visited.begin(), visited.end(), 0);
             generation = 1;
         }
-        Descriptor d = descriptorAt(descriptors, i);
+        Descriptor d = descriptorAt(lookup.descriptors, i);
         Hit best{0, kMaximumDistance + 1};
         for (int t = 0; t < index_->tables; ++t) {
             auto k = index_->key(t, d);
@@ -232,59 +237,104 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
                     best = {id, dist};
             }
         }
-        if (best.distance <= kMaximumDistance)
-            ++votes[index_->owner[best.id]];
+        if (best.distance > kMaximumDistance)
+            continue;
+        // Only a feature clearly nearer one target than any other says which target is there:
+        // grass, text and sky resemble many, and would make every picture full of them win.
+        auto owner = index_->owner[best.id];
+        int other = kMaximumDistance + 1;
+        for (auto h = from; h < lookup.hits.size(); ++h)
+            if (index_->owner[lookup.hits[h].id] != owner)
+                other = std::min(other, lookup.hits[h].distance);
+        if (best.distance < settings_.ratio * other)
+            lookup.votes[owner] += 1;
     }
     lookup.first.push_back(std::uint32_t(lookup.hits.size()));
+}
+
+void Recognizer::matchFromHits(const Lookup& lookup, int target, Alignment& alignment) const {
+    const auto [begin, end] = targets_[target].features;
+    for (int i = 0; i < lookup.descriptors.rows; ++i) {
+        BestTwo best;
+        for (auto h = lookup.first[i]; h < lookup.first[i + 1]; ++h)
+            if (lookup.hits[h].id >= begin && lookup.hits[h].id < end)
+                best.add(lookup.hits[h]);
+        if (best.distinct(settings_.ratio)) {
+            alignment.referencePoints.push_back(index_->points[best.first.id]);
+            alignment.framePoints.push_back(lookup.keypoints[i].pt);
+        }
+    }
+}
+
+void Recognizer::matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const {
+    const auto [begin, end] = targets_[target].features;
+    for (int i = 0; i < lookup.descriptors.rows; ++i) {
+        Descriptor d = descriptorAt(lookup.descriptors, i);
+        BestTwo best;
+        for (auto id = begin; id < end; ++id)
+            best.add({id, distance(d, index_->descriptors[id])});
+        if (best.distinct(settings_.ratio)) {
+            alignment.referencePoints.push_back(index_->points[best.first.id]);
+            alignment.framePoints.push_back(lookup.keypoints[i].pt);
+        }
+    }
+}
+
+bool Recognizer::verify(const cv::Mat& grey, int target, Alignment& alignment) const {
+    if (int(alignment.referencePoints.size()) < settings_.minimumInliers)
+        return false;
+    std::vector<std::uint8_t> inliers;
+    cv::Mat h = cv::findHomography(alignment.referencePoints, alignment.framePoints, cv::USAC_FAST,
+                                   4.0, inliers, 2000, 0.995);
+    if (h.empty() || cv::countNonZero(inliers) < settings_.minimumInliers)
+        return false;
+    alignment.homography = cv::Matx33d(h);
+    return plausible(frameCorners(alignment.homography, targets_[target].working),
+                     0.002 * grey.total()) &&
+           refine(grey, target, alignment);
+}
+
+std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector<int>& skip,
+                                          int count) const {
+    Lookup lookup;
+    // As many features per pixel at any resolution, up to a point.
+    double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
+    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12,
+                lookup.keypoints, lookup.descriptors);
+    if (count <= 0 || lookup.descriptors.rows < settings_.minimumInliers || targets_.empty())
+        return {};
+    lookup.votes.assign(targets_.size(), 0);
+    lookUp(lookup);
+    for (int t : skip)
+        lookup.votes[t] = -1;
 
     std::vector<int> order(targets_.size());
     std::iota(order.begin(), order.end(), 0);
     int shortlist = std::min<int>(settings_.candidates, int(order.size()));
     std::partial_sort(order.begin(), order.begin() + shortlist, order.end(),
-                      [&](int a, int b) { return votes[a] > votes[b]; });
+                      [&](int a, int b) { return lookup.votes[a] > lookup.votes[b]; });
+    while (shortlist > 0 && lookup.votes[order[shortlist - 1]] < settings_.minimumVotes)
+        --shortlist;
 
+    // The index's own matches settle most frames at little cost; matching the best few
+    // candidates feature by feature finds the matches hashing missed, for the rest.
     std::vector<Detection> found;
-    double minimumArea = 0.002 * grey.total();
-    for (int c = 0; c < shortlist && votes[order[c]] >= 4; ++c) {
-        int target = order[c];
-        // Matches to this target alone, kept when clearly better than the runner-up within it.
-        // Exhaustive over the target's features: the index finds only some of the true matches.
-        Alignment alignment;
-        const auto [begin, end] = targets_[target].features;
-        for (int i = 0; i < descriptors.rows; ++i) {
-            Descriptor d = descriptorAt(descriptors, i);
-            Hit first{0, 1 << 20}, second{0, 1 << 20};
-            for (auto id = begin; id < end; ++id) {
-                int dist = distance(d, index_->descriptors[id]);
-                if (dist < first.distance) {
-                    second = first;
-                    first = {id, dist};
-                } else if (dist < second.distance) {
-                    second = {id, dist};
-                }
-            }
-            if (first.distance <= kMaximumDistance &&
-                first.distance < settings_.ratio * second.distance) {
-                alignment.referencePoints.push_back(index_->points[first.id]);
-                alignment.framePoints.push_back(keypoints[i].pt);
-            }
+    for (int exhaustive = 0; exhaustive < 2 && int(found.size()) < count; ++exhaustive)
+        for (int c = 0;
+             c < (exhaustive ? std::min(shortlist, settings_.exhaustiveCandidates) : shortlist) &&
+             int(found.size()) < count;
+             ++c) {
+            int target = order[c];
+            if (std::ranges::any_of(found, [&](const auto& d) { return d.target == target; }))
+                continue;
+            Alignment alignment;
+            if (exhaustive)
+                matchExhaustively(lookup, target, alignment);
+            else
+                matchFromHits(lookup, target, alignment);
+            if (verify(grey, target, alignment))
+                found.push_back({target, std::move(alignment)});
         }
-        if (int(alignment.referencePoints.size()) < settings_.minimumInliers)
-            continue;
-        std::vector<std::uint8_t> inliers;
-        cv::Mat h = cv::findHomography(alignment.referencePoints, alignment.framePoints,
-                                       cv::USAC_FAST, 4.0, inliers, 2000, 0.995);
-        if (h.empty() || cv::countNonZero(inliers) < settings_.minimumInliers)
-            continue;
-        alignment.homography = cv::Matx33d(h);
-        if (!plausible(frameCorners(alignment.homography, targets_[target].working), minimumArea))
-            continue;
-        if (!refine(grey, target, alignment))
-            continue;
-        found.push_back({target, std::move(alignment)});
-        if (int(found.size()) == count)
-            break;
-    }
     return found;
 }
 

@@ -19,12 +19,14 @@ namespace pelkit::ar::detail {
 struct RecognizerSettings {
     int referenceFeatures = 500;
     int referenceLevels = 12;
-    int frameFeatures = 1000;
-    int frameLevels = 8;
+    int frameFeatures = 1500;
+    int frameLevels = 6;
     int candidates = 5;
+    int exhaustiveCandidates = 3; ///< of them also matched feature by feature
+    double minimumVotes = 4;
     int tables = 10;    ///< hash tables of the index
     int keyBits = 16;   ///< bits of a descriptor that key a table
-    double ratio = 0.8; ///< a match must be this much nearer than the runner-up
+    double ratio = 0.8; ///< a match or vote must be this much nearer than the runner-up
     int minimumInliers = 12;
     double minimumCorrelation = 0.3; ///< of the aligned reference and frame
 };
@@ -76,6 +78,11 @@ public:
 private:
     struct Index;
     struct Target;
+    struct Lookup;
+    void lookUp(Lookup& lookup) const;
+    void matchFromHits(const Lookup& lookup, int target, Alignment& alignment) const;
+    void matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const;
+    bool verify(const cv::Mat& grey, int target, Alignment& alignment) const;
     cv::Mat picture(int target) const;
 
     RecognizerSettings settings_;
