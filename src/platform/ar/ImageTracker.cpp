@@ -27,14 +27,22 @@ using detail::Recognizer;
 
 constexpr int kInitializingFrames = 3;
 constexpr int kRealignEvery = 10;
-const cv::Size kWindow(21, 21);
-constexpr int kPyramidLevels = 3;
+constexpr int kJudgeQualityEvery = 4;
+const cv::Size kWindow(15, 15);
+constexpr int kPyramidLevels = 2; // levels over the full-size image at 640 pixels wide
+// Points followed per image: enough for a steady homography; each costs two Lucas-Kanade
+// searches a frame.
+constexpr std::size_t kFollowedPoints = 64;
 
 using Pyramid = std::vector<cv::Mat>;
 
 Pyramid pyramidOf(const cv::Mat& grey) {
     Pyramid pyramid;
-    cv::buildOpticalFlowPyramid(grey, pyramid, kWindow, kPyramidLevels);
+    // Motion in pixels grows with the resolution: one more level for each doubling.
+    int levels = kPyramidLevels;
+    for (int width = grey.cols; width > 900; width /= 2)
+        ++levels;
+    cv::buildOpticalFlowPyramid(grey, pyramid, kWindow, levels);
     return pyramid;
 }
 
@@ -43,6 +51,14 @@ double area(const std::array<cv::Point2d, 4>& q) {
     for (int i = 0; i < 4; ++i)
         sum += q[i].x * q[(i + 1) % 4].y - q[(i + 1) % 4].x * q[i].y;
     return sum / 2;
+}
+
+// Keeps the strongest points of an alignment, which lists them strongest first.
+void thin(Alignment& alignment) {
+    if (alignment.framePoints.size() <= kFollowedPoints)
+        return;
+    alignment.framePoints.resize(kFollowedPoints);
+    alignment.referencePoints.resize(kFollowedPoints);
 }
 
 // Moves an alignment's frame points from one frame to the next and refits its homography; false
@@ -55,11 +71,12 @@ bool follow(const Pyramid& from, const Pyramid& to, cv::Size working, Alignment&
     std::vector<std::uint8_t> status, backStatus;
     std::vector<float> error;
     cv::TermCriteria criteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01);
-    cv::calcOpticalFlowPyrLK(from, to, alignment.framePoints, moved, status, error, kWindow,
-                             kPyramidLevels, criteria);
+    int levels = int(std::min(from.size(), to.size()) / 2) - 1; // images and derivatives
+    cv::calcOpticalFlowPyrLK(from, to, alignment.framePoints, moved, status, error, kWindow, levels,
+                             criteria);
     back = alignment.framePoints;
-    cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, kPyramidLevels,
-                             criteria, cv::OPTFLOW_USE_INITIAL_FLOW);
+    cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, levels, criteria,
+                             cv::OPTFLOW_USE_INITIAL_FLOW);
     std::vector<cv::Point2f> reference, frame;
     for (std::size_t i = 0; i < moved.size(); ++i)
         if (status[i] && backStatus[i] && cv::norm(back[i] - alignment.framePoints[i]) < 0.7) {
@@ -114,15 +131,14 @@ glm::dmat4 poseOf(const std::array<glm::dvec2, 4>& corners, glm::dvec2 size,
     return out;
 }
 
-FrameQuality qualityOf(const cv::Mat& grey, int frameIndex) {
+// Judged on the pyramid's level nearest 320 pixels wide.
+FrameQuality qualityOf(const Pyramid& pyramid, int frameIndex) {
     if (frameIndex < kInitializingFrames)
         return FrameQuality::initializing;
-    cv::Mat small;
-    double scale = 320.0 / grey.cols;
-    if (scale < 1)
-        cv::resize(grey, small, cv::Size(), scale, scale, cv::INTER_AREA);
-    else
-        small = grey;
+    std::size_t level = 0;
+    while (level + 2 < pyramid.size() && pyramid[level].cols > 400)
+        level += 2; // images and their derivatives alternate
+    const cv::Mat& small = pyramid[level];
     std::vector<cv::KeyPoint> corners;
     cv::FAST(small, corners, 20);
     if (corners.size() < 30)
@@ -174,9 +190,13 @@ public:
             for (auto& detection : recognizer_->detect(grey, trackedTargets(), room()))
                 start(std::move(detection));
         }
-        previous_ = std::move(pyramid);
         TrackingResult result;
-        result.quality = qualityOf(grey, frameIndex_++);
+        // How a camera's frames look changes slowly; judging every few frames is enough.
+        if (frameIndex_ % kJudgeQualityEvery == 0 || frameIndex_ < kInitializingFrames)
+            quality_ = qualityOf(pyramid, frameIndex_);
+        ++frameIndex_;
+        result.quality = quality_;
+        previous_ = std::move(pyramid);
         for (const auto& tracked : tracked_)
             result.images.push_back(observation(tracked, frame.intrinsics));
         return result;
@@ -194,6 +214,7 @@ private:
 
     void start(Detection detection) {
         Tracked tracked{detection.target, std::move(detection.alignment)};
+        thin(tracked.alignment);
         tracked.alignedPoints = tracked.alignment.framePoints.size();
         tracked_.push_back(std::move(tracked));
     }
@@ -212,6 +233,7 @@ private:
                 Alignment aligned = tracked.alignment;
                 if (recognizer_->refine(grey, tracked.target, aligned)) {
                     tracked.alignment = std::move(aligned);
+                    thin(tracked.alignment);
                     tracked.alignedPoints = tracked.alignment.framePoints.size();
                 }
                 tracked.framesSinceAlignment = 0;
@@ -277,6 +299,7 @@ private:
     std::vector<Tracked> tracked_;
     Pyramid previous_;
     int frameIndex_ = 0;
+    FrameQuality quality_ = FrameQuality::initializing;
     // Last, so it is joined before the state its work items share is released.
     std::unique_ptr<DispatchQueue> queue_;
 };
