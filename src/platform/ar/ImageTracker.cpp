@@ -29,7 +29,7 @@ constexpr int kInitializingFrames = 3;
 constexpr int kRealignEvery = 10;
 constexpr int kJudgeQualityEvery = 4;
 const cv::Size kWindow(15, 15);
-constexpr int kPyramidLevels = 2; // levels over the full-size image at 640 pixels wide
+constexpr int kPyramidLevels = 3; // levels over the full-size image at 640 pixels wide
 // Points followed per image: enough for a steady homography; each costs two Lucas-Kanade
 // searches a frame.
 constexpr std::size_t kFollowedPoints = 64;
