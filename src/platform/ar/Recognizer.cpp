@@ -17,7 +17,7 @@ namespace pelkit::ar::detail {
 namespace {
 
 constexpr int kMaximumTables = 32;
-constexpr int kMaximumKeyBits = 24;
+constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
 constexpr std::size_t kCachedPictures = 16;
 
@@ -108,7 +108,9 @@ struct Recognizer::Index {
 
     void build(int tableCount, int bitCount) {
         tables = std::clamp(tableCount, 1, kMaximumTables);
-        keyBits = std::clamp(bitCount, 4, kMaximumKeyBits);
+        // About one descriptor a bucket: fuller buckets make every lookup compare more of them.
+        int wanted = std::max(bitCount, int(std::bit_width(descriptors.size())));
+        keyBits = std::clamp(wanted, 4, kMaximumKeyBits);
         cv::RNG rng(0x5eed);
         for (auto& table : bits)
             for (auto& bit : table)
