@@ -53,14 +53,24 @@ void ViewControllerTest::SetUp() {
 }
 
 void ViewControllerTest::TearDown() {
-    if (controller && controller->sceneView())
-        controller->sceneView()->session().pause();
+    if (controller)
+        quiesce(*controller);
     window.reset();
     ui::Application::shared().pump();
     ar::setDefaultFrameFeed({});
     lines.reset();
     if (server)
         server->stop();
+}
+
+void ViewControllerTest::quiesce(PELViewController& screen) {
+    if (!screen.sceneView())
+        return;
+    // Nothing of the screen may run on once the next test changes the environment: no frames,
+    // no anchor callbacks still on their way, no content being built.
+    screen.sceneView()->session().pause();
+    (void)screen.sceneView()->snapshot();
+    screen.updateQueue().sync([] {});
 }
 
 nlohmann::json ViewControllerTest::configuration() const {

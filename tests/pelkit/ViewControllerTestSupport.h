@@ -67,6 +67,8 @@ protected:
     bool pumpUntil(const std::function<bool()>& done,
                    std::chrono::milliseconds limit = std::chrono::seconds(30));
     int count(const std::string& line) const;
+    /// Stops the screen's session and lets its pending content work finish.
+    static void quiesce(PELViewController& screen);
 
     /// The first content node of kind `T` under the scene.
     template <class T> std::shared_ptr<T> find() const {
