@@ -1,6 +1,8 @@
-// pelkit: the command line of PELkit. `pelkit sync` runs one synchronisation of a project and
-// `pelkit show` prints the stored project. See `pelkit --help`. A command is a function that adds
-// the subcommand with its options and returns what runs it.
+// pelkit: the command line of PELkit. `pelkit sync` runs one synchronisation of a project,
+// `pelkit show` prints the stored project and `pelkit preview` draws a target with its content. See
+// `pelkit --help`. A command is a function that adds the subcommand with its options and returns
+// what runs it.
+#include "Preview.h"
 #include "Progress.h"
 #include "Track.h"
 
@@ -15,6 +17,7 @@
 #include <pelkit/foundation/UserDefaults.h>
 #include <pelkit/image/Image.h>
 #include <pelkit/net/Url.h>
+#include <pelkit/render/Renderer.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -24,6 +27,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -160,7 +164,8 @@ int runSync(const SyncOptions& options) {
                   << "\n";
         return 0;
     case PELStatus::Case::alreadyUpToDate:
-        std::cerr << "pelkit: project " << appKeyPrefix(options.appKey) << " is already up to date\n";
+        std::cerr << "pelkit: project " << appKeyPrefix(options.appKey)
+                  << " is already up to date\n";
         return 0;
     default:
         std::cerr << "pelkit: sync failed: " << end->error().description() << "\n";
@@ -228,20 +233,29 @@ void printTarget(const PELStorage& storage, const PELTarget& target) {
     }
 }
 
-int runShow(const std::string& appKey) {
+/// The stored project of `appKey`, or a line on stderr saying why there is none.
+std::optional<PELProject> loadProject(const std::string& appKey) {
     if (auto usable = checkAppKeyPrefix(appKey); !usable) {
         std::cerr << "pelkit: " << usable.error()->description() << "\n";
-        return 1;
+        return std::nullopt;
     }
-    PELStorage storage(appKey);
-    auto path = storage.getConfigurationFilePath();
+    auto path = PELStorage(appKey).getConfigurationFilePath();
     auto bytes = readFile(path);
     auto project = bytes ? PELProject::decode(*bytes) : std::unexpected(bytes.error());
     if (!project) {
         std::cerr << "pelkit: no usable project at " << path.string() << ": "
                   << project.error()->description() << "\n";
-        return 1;
+        return std::nullopt;
     }
+    return std::move(*project);
+}
+
+int runShow(const std::string& appKey) {
+    auto project = loadProject(appKey);
+    if (!project)
+        return 1;
+    PELStorage storage(appKey);
+    auto path = storage.getConfigurationFilePath();
     auto remembered = UserDefaults::standard().string(PELSyncSupervisor::lastUpdatedKey(appKey));
     std::cout << "project " << project->id << " in " << path.parent_path().string() << "\n"
               << "  revision: " << project->lastUpdated
@@ -265,6 +279,87 @@ its type, position and size.
     return {command, [appKey] { return runShow(*appKey); }};
 }
 
+constexpr auto kContentTimeout = std::chrono::seconds(30);
+constexpr auto kPlayTimeout = std::chrono::seconds(10);
+
+struct PreviewOptions {
+    std::string appKey;
+    std::string targetId;
+    double at = 0;
+    bool play = false;
+    std::string out;
+};
+
+int runPreview(const PreviewOptions& options) {
+    auto project = loadProject(options.appKey);
+    if (!project)
+        return 1;
+    auto target = std::ranges::find(project->targets, options.targetId, &PELTarget::id);
+    if (target == project->targets.end()) {
+        std::cerr << "pelkit: the project has no target \"" << options.targetId
+                  << "\"; its targets:";
+        for (const auto& known : project->targets)
+            std::cerr << " " << known.id;
+        std::cerr << "\n";
+        return 1;
+    }
+    auto reference = apps::referenceImageFor(*target, options.appKey);
+    if (!reference) {
+        std::cerr << "pelkit: the image of target " << target->id
+                  << " cannot be used: " << reference.error()->description() << "\n";
+        return 1;
+    }
+    std::cerr << "pelkit: loading " << target->items.size() << " content items of " << target->id
+              << "\n";
+    auto scene = apps::makePreviewScene(std::move(*reference), options.appKey);
+    if (!apps::waitForContent(scene, kContentTimeout))
+        std::cerr << "pelkit: content still loading after 30 s; drawing what has arrived\n";
+    if (options.play) {
+        int tapped = apps::playAll(scene, kPlayTimeout);
+        std::cerr << "pelkit: playing " << tapped << " media items for " << options.at << " s\n";
+        std::this_thread::sleep_for(std::chrono::duration<double>(options.at));
+    }
+    auto renderer = render::Renderer::createOffscreen(scene.viewSize);
+    Result<image::Image> picture =
+        renderer ? Result<image::Image>() : std::unexpected(renderer.error());
+    if (renderer) {
+        auto drawn = (*renderer)->render(apps::previewFrame(scene, options.at));
+        picture = drawn ? (*renderer)->snapshot() : std::unexpected(drawn.error());
+    }
+    auto png = picture ? image::encodePng(*picture) : std::nullopt;
+    auto written =
+        png ? writeFileAtomically(options.out, *png)
+            : Result<>(std::unexpected(picture ? Error::make("png", 1, "encodePng failed")
+                                               : picture.error()));
+    if (!written) {
+        std::cerr << "pelkit: no preview written: " << written.error()->description() << "\n";
+        return 1;
+    }
+    std::cout << "wrote " << options.out << " (" << picture->width << "x" << picture->height
+              << ")\n";
+    return 0;
+}
+
+Command addPreview(CLI::App& pelkit) {
+    auto* command = pelkit.add_subcommand(
+        "preview", "Renders a stored target with its content to a PNG, seen from straight above.");
+    command->footer(std::string(R"(
+Builds the target's content as the viewer does when it recognises the target, fetching content
+from the server that PELKIT_HOST names (as content nodes do), and draws it over the target's
+image, headless. With --play, every video, green-screen and audio item is tapped first, and the
+picture shows them --at seconds later.
+)") + documentsFooter);
+    auto options = std::make_shared<PreviewOptions>();
+    addAppKey(*command, options->appKey);
+    command->add_option("--target", options->targetId, "the id of the target")->required();
+    addDocuments(*command);
+    command->add_option("--at", options->at, "seconds of play before the picture (default 0)")
+        ->check(CLI::Range(0.0, 600.0));
+    command->add_flag("--play", options->play, "tap every video, green-screen and audio item");
+    command->add_option("--out", options->out, "the PNG file to write")->required();
+    return {command, [options] { return runPreview(*options); }};
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -273,7 +368,8 @@ int main(int argc, char** argv) {
                     "pelkit");
     pelkit.require_subcommand(1);
     const auto track = apps::addTrack(pelkit);
-    const Command commands[] = {addSync(pelkit), addShow(pelkit), {track.app, track.run}};
+    const Command commands[] = {
+        addSync(pelkit), addShow(pelkit), addPreview(pelkit), {track.app, track.run}};
     if (const auto status = apps::parseMain(pelkit, argc, argv))
         return *status;
     for (const auto& command : commands) {

@@ -66,6 +66,11 @@ public:
     /// outstanding does nothing. An address that is no URL is a programming error.
     void prepareContent();
 
+    /// Whether a prepare request is outstanding. Tools that wait for content read it; once it is
+    /// false, a presentation that the answer started may still be running on the completion
+    /// queue (`net::HttpSession::shared().callbackQueue()`).
+    bool isPreparing() const { return isPreparing_; }
+
     /// Loads the content at `url` onto the node's geometry. Every subclass overrides it; it may
     /// run on the constructing thread or on the HTTP completion queue. The base stops the process.
     virtual void presentContent(const net::Url& url);

@@ -2,6 +2,7 @@
 #include "devserver/DevServer.h"
 
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/image/Image.h>
 
 #include "TestSupport.h"
 
@@ -135,6 +136,45 @@ TEST_F(PelkitCli, ShowReadsTargetImagesOnlyFromInsideTheProject) {
     };
     for (const auto& line : lines)
         EXPECT_NE(show.out.find("    " + line + "\n"), std::string::npos) << show.out;
+}
+
+} // namespace
+} // namespace pelkit
+
+namespace pelkit {
+namespace {
+
+TEST_F(PelkitCli, PreviewDrawsTheContentWhereTheConfigurationPlacesIt) {
+    ASSERT_EQ(pelkit(sync()).status, 0);
+    test::ScopedEnv host("PELKIT_HOST", server.baseUrl());
+    test::ScopedEnv audio("SDL_AUDIODRIVER", "dummy");
+    const std::string preview =
+        "preview --app-key cli-test-app-key --documents " + documents.path().string();
+    Outcome run = pelkit(preview + " --target target-mandelbrot --out " +
+                         (documents / "preview.png").string());
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "wrote " + (documents / "preview.png").string() + " (640x480)\n");
+
+    auto drawn = image::decode(*readFile(documents / "preview.png"));
+    auto target = image::decode(*readFile(std::filesystem::path(PELKIT_SOURCE_DIR) /
+                                          "examples/demo-project/targets/mandelbrot.jpg"));
+    ASSERT_TRUE(drawn && target);
+    auto same = [&](int x, int y) {
+        return std::equal(drawn->pixel(x, y), drawn->pixel(x, y) + 3, target->pixel(x, y));
+    };
+    // The image item is centred 150 px left of and 90 px above the image centre, the link 160 px
+    // right and 150 px below; mirrored places show the target itself.
+    EXPECT_FALSE(same(170, 150));
+    EXPECT_FALSE(same(480, 390));
+    EXPECT_TRUE(same(170, 330));
+    EXPECT_TRUE(same(480, 90));
+    EXPECT_TRUE(same(620, 20));
+
+    Outcome unknown = pelkit(preview + " --target nope --out " + (documents / "x.png").string());
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_EQ(unknown.err, "pelkit: the project has no target \"nope\"; its targets: "
+                           "target-mandelbrot target-cellauto target-life\n");
+    EXPECT_FALSE(std::filesystem::exists(documents / "x.png"));
 }
 
 } // namespace

@@ -68,7 +68,9 @@ std::unique_ptr<FrameSource> makeCameraSource(std::string device,
 std::unique_ptr<FrameSource> makeVideoFileSource(std::filesystem::path file,
                                                  double horizontalFieldOfView = 1.1);
 /// Frames drawn from a JSON timeline (target images at poses over a background), with exact
-/// intrinsics. Timestamps come from the timeline, so a run is the same on every machine.
+/// intrinsics. Timestamps come from the timeline, so a run is the same on every machine. The
+/// format is described at the top of src/platform/ar/ScriptedSource.cpp;
+/// examples/scripts/demo-targets.json follows the demo targets.
 std::unique_ptr<FrameSource> makeScriptedSource(std::filesystem::path script);
 
 } // namespace pelkit::ar

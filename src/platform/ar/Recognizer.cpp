@@ -309,7 +309,8 @@ namespace {
 
 // One pass of refinement: the frame warped into the reference's pixels at about the scale it is
 // seen at, corners of the reference followed into it with Lucas-Kanade, homography refitted.
-bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, int minimum) {
+bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, int minimum,
+               double& correlation) {
     auto corners = frameCorners(alignment.homography, full.size());
     double seen = std::sqrt(std::abs(quadArea(corners)) / double(full.total()));
     double r = std::min(1.0, seen * 1.5);
@@ -331,6 +332,12 @@ bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, 
     cv::meanStdDev(warped, mw, sw);
     double gain = sw[0] > 1 ? sr[0] / sw[0] : 1;
     warped.convertTo(warped, CV_8U, gain, mr[0] - gain * mw[0]);
+    // How alike the two look, once aligned: a wrong reference that happens to fit a homography
+    // to a few points does not look like the frame.
+    cv::Mat a, b;
+    reference.convertTo(a, CV_32F, 1, -mr[0]);
+    warped.convertTo(b, CV_32F, 1, -mr[0]);
+    correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
 
     std::vector<cv::Point2f> points, moved;
     int spacing = std::max(4, std::min(reference.cols, reference.rows) / 24);
@@ -372,11 +379,12 @@ bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, 
 bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) const {
     cv::Mat full = picture(target);
     double minimumArea = 0.002 * grey.total();
+    double correlation = 0;
     for (int pass = 0; pass < 2; ++pass)
-        if (!alignOnce(grey, full, alignment, settings_.minimumInliers) ||
+        if (!alignOnce(grey, full, alignment, settings_.minimumInliers, correlation) ||
             !plausible(frameCorners(alignment.homography, full.size()), minimumArea))
             return false;
-    return true;
+    return correlation >= settings_.minimumCorrelation;
 }
 
 } // namespace pelkit::ar::detail

@@ -26,6 +26,7 @@ struct RecognizerSettings {
     int keyBits = 16;   ///< bits of a descriptor that key a table
     double ratio = 0.8; ///< a match must be this much nearer than the runner-up
     int minimumInliers = 12;
+    double minimumCorrelation = 0.3; ///< of the aligned reference and frame
 };
 
 /// Correspondences between a reference (in its working pixels) and a frame.
