@@ -50,7 +50,6 @@ class RoadTest : public ViewControllerTest {
 protected:
     void reachContent() {
         writeScript(walk);
-        startServer();
         present();
         waitForTracking();
         ASSERT_TRUE(stepUntil([&] { return find<PELVideoNode>() && find<PELLinkNode>(); }, 15))
@@ -62,7 +61,6 @@ protected:
 
 TEST_F(RoadTest, FromFirstSyncToContentTapsLossAndRefresh) {
     writeScript(walk);
-    startServer();
     present();
     waitForTracking();
     ASSERT_FALSE(server->requests().empty());
@@ -165,7 +163,6 @@ TEST_F(RoadTest, StopCurrentPlayersStopsTheFirstPlayerOnly) {
         {"image": "CELL", "physicalWidth": 0.2, "keyframes": [
           {"time": 4, "position": [0, 0, -0.4], "rotation": [-10, 0, 0]},
           {"time": 40, "position": [0, 0, -0.4], "rotation": [-10, 0, 0]}]}]})");
-    startServer();
     present();
     waitForTracking();
     ASSERT_TRUE(stepUntil([&] { return find<PELAudioNode>() && find<PELVideoNode>(); }, 20));
@@ -243,7 +240,6 @@ INSTANTIATE_TEST_SUITE_P(Presentations, OverlayTest,
 // A tap's node kind decides what happens; other nodes pass the tap to their parent.
 TEST_F(ViewControllerTest, TapDispatch) {
     writeScript(walk);
-    startServer();
     present();
     // The first synchronisation reads the stored targets: let it end before the files go.
     waitForTracking();
@@ -330,7 +326,6 @@ TEST_F(ViewControllerTest, ServerSelection) {
 // 20 characters shares both.
 TEST_F(ViewControllerTest, StartupDecision) {
     writeScript(walk);
-    startServer();
     const std::string sharing = std::string(appKey).substr(0, 20) + "-other-ending";
     struct Case {
         const char* name;

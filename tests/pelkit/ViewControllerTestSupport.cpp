@@ -1,11 +1,14 @@
 #include "ViewControllerTestSupport.h"
 
+#include <pelkit/PELSyncSupervisor.h>
 #include <pelkit/ar/FrameFeed.h>
 #include <pelkit/foundation/Bundle.h>
 #include <pelkit/foundation/FileSystem.h>
+#include <pelkit/foundation/UserDefaults.h>
 #include <pelkit/ui/Application.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
@@ -29,23 +32,68 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
         text.replace(at, from.size(), to);
 }
 
+struct Stage {
+    TempDir root;
+    std::unique_ptr<devserver::DevServer> server;
+};
+
+Stage* staged = nullptr;
+
+Stage& stage() {
+    static Stage* const made = [] {
+        auto* s = new Stage;
+        fs::copy(demoProject(), s->root / "project", fs::copy_options::recursive);
+        s->server = std::make_unique<devserver::DevServer>(
+            devserver::DevServerOptions{.project = s->root / "project"});
+        if (auto started = s->server->start(); !started) {
+            std::fprintf(stderr, "the dev server did not start: %s\n",
+                         started.error()->description().c_str());
+            std::abort();
+        }
+        for (const char* name : {"PELKIT_HOST", "PELKIT_PROD_HOST", "PELKIT_STAGING_HOST"})
+            ::setenv(name, s->server->baseUrl().c_str(), 1);
+        ::setenv("PELKIT_DOCUMENTS_DIR", (s->root / "Documents").c_str(), 1);
+        ::setenv("SDL_AUDIODRIVER", "dummy", 1);
+        ::setenv("PELKIT_DISPLAY", "headless", 1);
+        staged = s;
+        return s;
+    }();
+    return *made;
+}
+
+// The folder goes once every test has run; screens still alive then only see their files fail.
+struct RemoveStage : ::testing::Environment {
+    void TearDown() override {
+        std::error_code ignored;
+        if (staged)
+            fs::remove_all(staged->root.path(), ignored);
+    }
+};
+[[maybe_unused]] auto* const removeStage = ::testing::AddGlobalTestEnvironment(new RemoveStage);
+
 } // namespace
 
+ViewControllerTest::ViewControllerTest() : dir(stage().root.path()), server(stage().server.get()) {}
+
 void ViewControllerTest::SetUpTestSuite() {
-    ::setenv("PELKIT_DISPLAY", "headless", 1);
+    (void)stage();
     if (ui::Application::shared().display() != ui::Display::headless)
         ui::Application::shared().setDisplay(ui::Display::headless);
     setMainBundleIdentifier("org.pelkit.tests");
 }
 
 void ViewControllerTest::SetUp() {
-    documents.emplace("PELKIT_DOCUMENTS_DIR", (dir / "Documents").string());
-    audio.emplace("SDL_AUDIODRIVER", "dummy");
+    // A fresh project and no stored state; ctest runs each test in a process of its own, so
+    // this only matters when the tests run together.
+    fs::remove_all(dir / "Documents");
+    fs::remove_all(dir / "project");
     fs::copy(demoProject(), dir / "project", fs::copy_options::recursive);
+    (void)UserDefaults::standard().set(PELSyncSupervisor::lastUpdatedKey(appKey), std::nullopt);
     auto config = configuration();
     // In the scene, not full screen, so that a tap plays it where it lies.
     config["targets"][1]["items"][0]["isFullscreen"] = false;
     serve(config);
+    server->clearRequests();
     lines.emplace();
     auto made = ui::Window::create({640, 480});
     ASSERT_TRUE(made) << *made.error();
@@ -59,8 +107,6 @@ void ViewControllerTest::TearDown() {
     ui::Application::shared().pump();
     ar::setDefaultFrameFeed({});
     lines.reset();
-    if (server)
-        server->stop();
 }
 
 void ViewControllerTest::quiesce(PELViewController& screen) {
@@ -80,14 +126,6 @@ nlohmann::json ViewControllerTest::configuration() const {
 
 void ViewControllerTest::serve(const nlohmann::json& configuration) {
     std::ofstream(dir / "project" / "configuration.json") << configuration.dump(2);
-}
-
-void ViewControllerTest::startServer() {
-    server = std::make_unique<devserver::DevServer>(
-        devserver::DevServerOptions{.project = dir / "project"});
-    ASSERT_TRUE(server->start());
-    for (const char* name : {"PELKIT_HOST", "PELKIT_PROD_HOST", "PELKIT_STAGING_HOST"})
-        hosts.emplace_back(name, server->baseUrl());
 }
 
 void ViewControllerTest::writeScript(std::string json) {

@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,15 +39,14 @@ inline constexpr double kFrameInterval = 0.2;
 
 class ViewControllerTest : public ::testing::Test {
 protected:
+    ViewControllerTest();
     static void SetUpTestSuite();
     void SetUp() override;
     void TearDown() override;
 
-    /// The served project's configuration, to change before `start` or before a refresh.
+    /// The served project's configuration, to change before `present` or before a refresh.
     nlohmann::json configuration() const;
     void serve(const nlohmann::json& configuration);
-    /// Starts the dev server and points the three hosts at it.
-    void startServer();
     /// Writes the camera script: "MANDEL", "CELL" and "LIFE" stand for the demo targets.
     void writeScript(std::string json);
 
@@ -84,11 +82,12 @@ protected:
         return nullptr;
     }
 
-    TempDir dir;
-    std::optional<ScopedEnv> documents, audio;
+    // One folder, one server and one environment for the whole process, set before the first
+    // screen: screens live until the process ends and their threads read the environment, so
+    // nothing may change it after that.
+    const std::filesystem::path& dir;
+    devserver::DevServer* const server;
     std::optional<LineCapture> lines;
-    std::unique_ptr<devserver::DevServer> server;
-    std::list<ScopedEnv> hosts; // a list: restoring happens on destruction, never on a move
     std::shared_ptr<ar::SteppedClock> clock = std::make_shared<ar::SteppedClock>();
     std::shared_ptr<ui::Window> window;
     std::shared_ptr<PELViewController> controller;

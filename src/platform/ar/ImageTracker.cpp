@@ -250,7 +250,9 @@ private:
         }
         queue_->async([worker = worker_, recognizer = recognizer_, grey, pyramid,
                        skip = trackedTargets(), count = room()] {
-            auto found = recognizer->detect(grey, skip, count);
+            std::vector<Detection> found;
+            if (auto pass = cvx::Pass::enter())
+                found = recognizer->detect(grey, skip, count);
             std::lock_guard lock(worker->mutex);
             worker->found = std::move(found);
             worker->pyramid = pyramid;
