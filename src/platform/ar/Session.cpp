@@ -186,8 +186,14 @@ void Session::State::apply(const Request& request) {
 bool Session::State::open() {
     if (source)
         return true;
+    // Opening a camera or reading a script's pictures goes through OpenCV.
+    std::optional<cvx::Pass> pass(cvx::Pass::enter());
+    if (!*pass)
+        return false;
     auto made = feed.makeSource();
-    if (auto started = made->start(); !started) {
+    auto started = made->start();
+    pass.reset(); // never held across the delegate's callbacks
+    if (!started) {
         fail(SessionError::Code::cameraUnavailable, started.error());
         return false;
     }
@@ -209,7 +215,7 @@ void Session::State::makeTracker() {
 }
 
 void Session::State::close() {
-    if (source)
+    if (auto pass = cvx::Pass::enter(); pass && source)
         source->stop();
     source.reset();
     tracker.reset();
