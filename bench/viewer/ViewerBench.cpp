@@ -7,7 +7,8 @@
 //     viewer_bench PROJECT_DIR [frames]     # PROJECT_DIR: examples/demo-project
 //
 // The camera runs on a clock stepped one frame at a time, as fast as the screen draws; each step
-// waits until the frame is drawn and its new content built, as the headless viewer does.
+// waits until the frame is drawn and its new content built, as the headless viewer does. Frame
+// rates are those of the median frame.
 #include <pelkit/PELAudioNode.h>
 #include <pelkit/PELNode.h>
 #include <pelkit/PELVideoNode.h>
@@ -33,6 +34,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 using namespace pelkit;
 namespace fs = std::filesystem;
@@ -44,13 +46,13 @@ constexpr double kFrameRate = 30;
 constexpr double kEnter = 1.0; // script time at which the targets come into view
 
 std::string script(const fs::path& project) {
-    auto target = [&](const char* file, double x, double width) {
-        nlohmann::json pose = {{"position", {x, 0.0, -0.55}}, {"rotation", {-10, 0, 0}}};
+    auto target = [&](const char* file, double x, double y) {
+        nlohmann::json pose = {{"position", {x, y, -0.5}}, {"rotation", {-10, 0, 0}}};
         auto first = pose, last = pose;
         first["time"] = kEnter;
         last["time"] = 600;
         return nlohmann::json{{"image", (project / "targets" / file).string()},
-                              {"physicalWidth", width},
+                              {"physicalWidth", 0.2},
                               {"keyframes", {first, last}}};
     };
     nlohmann::json walk = {{"resolution", {640, 480}},
@@ -60,10 +62,12 @@ std::string script(const fs::path& project) {
                            {"backgroundColor", {70, 66, 60}},
                            {"seed", 1},
                            {"targets",
-                            {target("mandelbrot.jpg", -0.19, 0.17), target("cellauto.jpg", 0, 0.17),
-                             target("life.jpg", 0.19, 0.17)}}};
+                            {target("mandelbrot.jpg", -0.12, 0.08),
+                             target("cellauto.jpg", 0.12, 0.08), target("life.jpg", 0, -0.1)}}};
     return walk.dump(2);
 }
+
+enum class Content { none, still, playing };
 
 struct Run {
     double framesPerSecond = 0;
@@ -76,7 +80,7 @@ public:
     Bench(fs::path project, fs::path stage, devserver::DevServer& server)
         : project_(std::move(project)), stage_(std::move(stage)), server_(server) {}
 
-    Run measure(const std::string& appKey, bool withContent, int frames);
+    Run measure(const std::string& appKey, Content content, int frames);
 
 private:
     bool showFrame();
@@ -136,7 +140,8 @@ void Bench::tap(const std::shared_ptr<scene::Node>& node) {
     ui::Application::shared().pump();
 }
 
-Run Bench::measure(const std::string& appKey, bool withContent, int frames) {
+Run Bench::measure(const std::string& appKey, Content content, int frames) {
+    const bool withContent = content != Content::none;
     auto bytes = readFile(project_ / "configuration.json");
     auto config = nlohmann::json::parse(bytes->begin(), bytes->end());
     for (auto& target : config["targets"]) {
@@ -176,7 +181,6 @@ Run Bench::measure(const std::string& appKey, bool withContent, int frames) {
         ++shown;
     for (long long since = 0; since < 60 && showFrame(); ++since) {
         auto roots = contentRoots();
-        std::fprintf(stderr, "DBG %lld anchors %zu roots %zu\n", since, screen_->sceneView()->session().currentFrame()->anchors.size(), roots.size());
         if (withContent && run.framesToAttached < 0 && roots.size() == 3)
             run.framesToAttached = since;
         if (withContent && roots.size() == 3 &&
@@ -187,19 +191,25 @@ Run Bench::measure(const std::string& appKey, bool withContent, int frames) {
         if (!withContent && screen_->sceneView()->session().currentFrame()->anchors.size() == 3)
             break;
     }
-    if (withContent) {
+    if (content == Content::playing) {
         for (int i = 0; i < 20; ++i) // grown to full size
             showFrame();
         if (auto video = find<PELVideoNode>(); video && !video->childNodes().empty())
             tap(video->childNodes().front());
         tap(find<PELAudioNode>());
     }
-    const auto start = WallClock::now();
-    int drawn = 0;
-    while (drawn < frames && showFrame())
-        ++drawn;
-    run.framesPerSecond =
-        drawn / std::chrono::duration<double>(WallClock::now() - start).count();
+    // The median frame: a shared machine's bursts of other work move it least.
+    std::vector<double> times;
+    for (int drawn = 0; drawn < frames; ++drawn) {
+        const auto start = WallClock::now();
+        if (!showFrame())
+            break;
+        times.push_back(std::chrono::duration<double>(WallClock::now() - start).count());
+    }
+    if (!times.empty()) {
+        std::ranges::nth_element(times, times.begin() + times.size() / 2);
+        run.framesPerSecond = 1 / times[times.size() / 2];
+    }
     // Quiet before the next screen: no frames, nothing being built.
     screen_->sceneView()->session().pause();
     (void)screen_->sceneView()->snapshot();
@@ -240,13 +250,19 @@ int main(int argc, char** argv) {
 
     Bench bench(project, stage, server);
     // Each run syncs its own project: the app keys differ in their first 20 characters.
-    auto bare = bench.measure("bench-bare-0000000000000000", false, frames);
-    auto full = bench.measure("bench-full-0000000000000000", true, frames);
-    const double cost = 1 - full.framesPerSecond / bare.framesPerSecond;
+    auto bare = bench.measure("bench-bare-0000000000000000", Content::none, frames);
+    auto still = bench.measure("bench-still-000000000000000", Content::still, frames);
+    auto full = bench.measure("bench-full-0000000000000000", Content::playing, frames);
+    auto cost = [&](const Run& run) {
+        return (1 - run.framesPerSecond / bare.framesPerSecond) * 100;
+    };
     std::printf("headless AR screen, 640x480, 3 targets in view, %d frames each:\n", frames);
-    std::printf("  tracking only (no content):          %6.1f frames/s\n", bare.framesPerSecond);
-    std::printf("  with content, video and sound on:    %6.1f frames/s\n", full.framesPerSecond);
-    std::printf("  content costs %.0f%% of the frame rate (target <= 25%%)\n", cost * 100);
+    std::printf("  tracking only (no content):         %6.1f frames/s\n", bare.framesPerSecond);
+    std::printf("  content attached, nothing playing:  %6.1f frames/s  (content costs %.0f%%)\n",
+                still.framesPerSecond, cost(still));
+    std::printf("  content with video and sound on:    %6.1f frames/s  (content costs %.0f%%)\n",
+                full.framesPerSecond, cost(full));
+    std::printf("  target: content costs <= 25%%\n");
     const long long budget = 2 + static_cast<long long>(0.2 * kFrameRate + 0.5);
     std::printf("content of all 3 targets attached %lld frames and growing %lld frames after the "
                 "first frame showing them (%.0f fps camera; target <= %lld = 2 frames + 0.2 s)\n",
@@ -257,5 +273,6 @@ int main(int argc, char** argv) {
     fs::remove_all(stage, ignored);
     // The screens and their synchronisers keep each other alive to the end: leave from here
     // rather than through static destructors.
-    std::_Exit(full.framesPerSecond > 0 && bare.framesPerSecond > 0 ? 0 : 1);
+    std::_Exit(
+        full.framesPerSecond > 0 && still.framesPerSecond > 0 && bare.framesPerSecond > 0 ? 0 : 1);
 }

@@ -41,6 +41,7 @@ struct RenderStatistics {
     std::uint64_t textureUploads = 0;     ///< images copied into textures
     std::uint64_t textureAllocations = 0; ///< textures created (a reused one is not counted)
     std::uint64_t programBuilds = 0;      ///< shader programs compiled and linked
+    std::uint64_t sceneDraws = 0;         ///< 2D scenes drawn into their textures
 };
 
 /// Draws frames into an output.
@@ -51,7 +52,9 @@ struct RenderStatistics {
 /// source's current frame (a source without a frame yet leaves its plane out). Images are
 /// sampled from their exact 8-bit values, filtered bilinearly. Each image object is uploaded
 /// once and kept while it is drawn: an image counts as changed only when it is another object
-/// or its pixels are a new buffer (pixels rewritten in place are not seen). A surface shader
+/// or its pixels are a new buffer (pixels rewritten in place are not seen); likewise a 2D scene
+/// is drawn into its texture again only when its sprites, their pictures (a video's new frame)
+/// or its background change. A surface shader
 /// modifier runs as written: its lines before `#pragma body` are declarations, the rest runs per
 /// fragment with
 /// `_surface.diffuse` and `_surface.transparent` (both vec4) to read and change; with

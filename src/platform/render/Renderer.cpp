@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
@@ -37,6 +38,16 @@ struct DrawItem {
     const gl::Program* program = nullptr;
 };
 
+// One sprite as a 2D scene's texture shows it. Holding the picture keeps its identity: another
+// picture can never reuse its address while it is compared against.
+struct DrawnSprite {
+    std::shared_ptr<const image::Image> image;
+    const std::uint8_t* pixels = nullptr;
+    glm::mat3 imageToScene{1};
+    float alpha = 1;
+    friend bool operator==(const DrawnSprite&, const DrawnSprite&) = default;
+};
+
 // A 2D scene's texture and the framebuffer that draws into it.
 struct SceneTarget {
     std::weak_ptr<scene::Scene2D> scene;
@@ -45,6 +56,9 @@ struct SceneTarget {
     gl::Framebuffer framebuffer;
     std::uint64_t lastUsed = 0;
     bool drawn = false; // in the current frame
+    // What the texture holds; a scene that shows the same again is not drawn again.
+    std::optional<std::vector<DrawnSprite>> shows;
+    scene::Color background;
 };
 
 struct ProgramKey {
@@ -160,7 +174,8 @@ struct Renderer::State {
                                             const std::string& modifier);
     Result<GLuint> sceneTexture(const SceneSnapshot& snapshot);
     Result<void> allocateSceneTarget(SceneTarget& target, glm::ivec2 size);
-    Result<void> drawScene(const SceneTarget& target, const SceneSnapshot& snapshot);
+    Result<void> drawScene(const SceneTarget& target, const SceneSnapshot& snapshot,
+                           const std::vector<DrawnSprite>& sprites);
     Result<void> drawFrame(const Frame& frame, std::vector<PlaneSnapshot> planes);
     Result<std::vector<const DrawItem*>> prepareAll(std::vector<DrawItem>& items,
                                                     ErrorPtr& firstError);
@@ -211,10 +226,26 @@ Result<GLuint> Renderer::State::sceneTexture(const SceneSnapshot& snapshot) {
             sceneTargets.erase(key);
             return std::unexpected(allocated.error());
         }
+        target.shows.reset();
     }
-    if (auto drawn = drawScene(target, snapshot); !drawn)
-        return std::unexpected(drawn.error());
+    // Most 2D scenes hold still (a button, a paused video's hidden sprite): drawing one again
+    // into a large texture every frame is most of what content costs on a software renderer.
+    std::vector<DrawnSprite> shows;
+    shows.reserve(snapshot.sprites.size());
+    for (const auto& sprite : snapshot.sprites) {
+        auto image = imageOf(sprite.picture);
+        const auto* pixels = image ? image->rgba.data() : nullptr;
+        shows.push_back({std::move(image), pixels, sprite.imageToScene, sprite.alpha});
+    }
     target.drawn = true;
+    if (target.shows == shows && target.background == snapshot.background)
+        return target.texture.get();
+    target.shows.reset();
+    if (auto drawn = drawScene(target, snapshot, shows); !drawn)
+        return std::unexpected(drawn.error());
+    ++statistics.sceneDraws;
+    target.shows = std::move(shows);
+    target.background = snapshot.background;
     return target.texture.get();
 }
 
@@ -237,7 +268,8 @@ Result<void> Renderer::State::allocateSceneTarget(SceneTarget& target, glm::ivec
     return {};
 }
 
-Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSnapshot& snapshot) {
+Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSnapshot& snapshot,
+                                        const std::vector<DrawnSprite>& sprites) {
     // Framebuffer row y is texture row y, so texel coordinates are window coordinates here.
     glBindFramebuffer(GL_FRAMEBUFFER, target.framebuffer.get());
     glViewport(0, 0, target.size.x, target.size.y);
@@ -257,8 +289,8 @@ Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSn
     const GLint cornersLocation = spriteProgram.location("pelkit_corners[0]");
     const GLint alphaLocation = spriteProgram.location("pelkit_alpha");
     glActiveTexture(GL_TEXTURE0);
-    for (const auto& sprite : snapshot.sprites) {
-        auto texture = textures.textureFor(imageOf(sprite.picture));
+    for (const auto& sprite : sprites) {
+        auto texture = textures.textureFor(sprite.image);
         if (!texture)
             return std::unexpected(texture.error());
         if (*texture == 0)
