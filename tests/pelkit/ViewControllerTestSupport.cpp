@@ -61,12 +61,15 @@ Stage& stage() {
     return *made;
 }
 
-// The folder goes once every test has run; screens still alive then only see their files fail.
+// The server stops and the folder goes once every test has run, before static destruction takes
+// the server library's own data away; screens still alive then only see requests and files fail.
 struct RemoveStage : ::testing::Environment {
     void TearDown() override {
+        if (!staged)
+            return;
+        staged->server->stop();
         std::error_code ignored;
-        if (staged)
-            fs::remove_all(staged->root.path(), ignored);
+        fs::remove_all(staged->root.path(), ignored);
     }
 };
 [[maybe_unused]] auto* const removeStage = ::testing::AddGlobalTestEnvironment(new RemoveStage);
