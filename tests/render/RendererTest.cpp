@@ -363,6 +363,25 @@ TEST_F(RendererTest, A2DSceneIsDrawnAgainOnlyWhenWhatItShowsChanges) {
     EXPECT_EQ(drawsAfter(), first + 5) << "another background";
 }
 
+// A magnified picture is drawn into a texture of its own detail (here 16 texels for 64 points),
+// which must still cover the plane exactly: red above blue, each half of it.
+TEST_F(RendererTest, AMagnifiedPictureFillsItsSceneAtItsOwnDetail) {
+    auto overlay = scene::Scene2D::create({64, 64});
+    auto sprite = scene::Sprite::create(quadrantImage(16, 16, {red, red, blue, blue}));
+    sprite->setPosition({32, 32});
+    sprite->setXScale(4);
+    sprite->setYScale(-4);
+    overlay->addChild(sprite);
+    const image::Image picture = draw(planeNode({64, 64}, overlay));
+    for (int x : {52, 80, 108}) {
+        EXPECT_EQ(pixelAt(picture, x, 31), red) << x;
+        EXPECT_EQ(pixelAt(picture, x, 56), red) << x;
+        EXPECT_EQ(pixelAt(picture, x, 64), blue) << x;
+        EXPECT_EQ(pixelAt(picture, x, 89), blue) << x;
+    }
+    EXPECT_EQ(pixelAt(picture, 30, 60), grey) << "outside the plane";
+}
+
 TEST_F(RendererTest, SurfaceModifiersRunWithTheirMaterialsValues) {
     auto centreWith = [&](const std::string& modifier,
                           const std::map<std::string, scene::ShaderValue>& values = {}) {

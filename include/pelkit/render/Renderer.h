@@ -48,7 +48,8 @@ struct RenderStatistics {
 ///
 /// Planes are the geometry drawn; each shows its first material (a plane without materials
 /// shows opaque white). The material's diffuse contents give the surface colour: a colour, an
-/// image, a 2D scene (drawn into a texture of one texel per point, see `Scene2D`) or a video
+/// image, a 2D scene (drawn into a texture of one texel per point, see `Scene2D`, or fewer when
+/// every picture in it is magnified and holds less detail than that) or a video
 /// source's current frame (a source without a frame yet leaves its plane out). Images are
 /// sampled from their exact 8-bit values, filtered bilinearly. Each image object is uploaded
 /// once and kept while it is drawn: an image counts as changed only when it is another object
