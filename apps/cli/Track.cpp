@@ -268,12 +268,16 @@ std::vector<ar::ReferenceImagePtr> loadImages(const std::filesystem::path& folde
         reference->setName(file.filename().string());
         group.enter();
         reference->validate([&, reference](ErrorPtr invalid) {
-            std::lock_guard lock(mutex);
-            if (invalid)
-                std::cerr << "pelkit: skipping " << *reference->name() << ": "
-                          << invalid->description() << "\n";
-            else
-                images.push_back(reference);
+            {
+                std::lock_guard lock(mutex);
+                if (invalid)
+                    std::cerr << "pelkit: skipping " << *reference->name() << ": "
+                              << invalid->description() << "\n";
+                else
+                    images.push_back(reference);
+            }
+            // Last: once the group is left the wait returns and `mutex` goes with its frame,
+            // so it must be unlocked before.
             group.leave();
         });
     }

@@ -56,8 +56,7 @@ struct Options {
 std::optional<TimedTap> parseTap(const std::string& text) {
     TimedTap tap;
     char tail = 0;
-    if (std::sscanf(text.c_str(), "%lf:%f,%f%c", &tap.time, &tap.point.x, &tap.point.y, &tail) !=
-        3)
+    if (std::sscanf(text.c_str(), "%lf:%f,%f%c", &tap.time, &tap.point.x, &tap.point.y, &tail) != 3)
         return std::nullopt;
     return tap;
 }
@@ -86,10 +85,10 @@ void describe(CLI::App& app, Options& o) {
         ->required()
         ->type_name("KEY")
         ->check(apps::notEmpty());
-    app.add_option("--server", o.server, "one server standing in for all three")
-        ->type_name("URL");
+    app.add_option("--server", o.server, "one server standing in for all three")->type_name("URL");
     auto* camera = app.add_option("--camera", o.camera, "a V4L2 camera")->type_name("/dev/videoN");
-    auto* video = app.add_option("--video", o.video, "a video file as the camera")->type_name("FILE");
+    auto* video =
+        app.add_option("--video", o.video, "a video file as the camera")->type_name("FILE");
     auto* script = app.add_option("--script", o.script, "a scripted camera")->type_name("FILE");
     camera->excludes(video)->excludes(script);
     video->excludes(script);
@@ -109,8 +108,7 @@ void describe(CLI::App& app, Options& o) {
         ->needs(headless);
     app.add_option("--still", o.stills, "a PNG of the window at script time T")
         ->type_name("T:FILE")
-        ->check(formatOf([](const std::string& t) { return parseStill(t).has_value(); },
-                         "T:FILE"))
+        ->check(formatOf([](const std::string& t) { return parseStill(t).has_value(); }, "T:FILE"))
         ->needs(headless);
     app.add_option("--width", o.width, "window width")->check(apps::wholeNumber(64, 4096));
     app.add_option("--height", o.height, "window height")->check(apps::wholeNumber(64, 4096));
@@ -278,9 +276,8 @@ int main(int argc, char** argv) {
     }
     ar::setDefaultFrameFeed(feed);
 
-    auto window = ui::Window::create({static_cast<float>(options.width),
-                                      static_cast<float>(options.height)},
-                                     "PELkit viewer");
+    auto window = ui::Window::create(
+        {static_cast<float>(options.width), static_cast<float>(options.height)}, "PELkit viewer");
     if (!window) {
         std::cerr << "pelkit-viewer: " << *window.error() << "\n";
         return 1;

@@ -36,13 +36,15 @@ std::shared_ptr<const image::Image> loadFrameworkImage(std::string_view name) {
 } // namespace
 
 std::shared_ptr<const image::Image> frameworkImage(std::string_view name) {
-    static std::mutex mutex;
-    static std::map<std::string, std::shared_ptr<const image::Image>, std::less<>> loaded;
-    std::lock_guard lock(mutex);
-    if (auto found = loaded.find(name); found != loaded.end())
+    // Never destroyed: content is still built on other threads while the process exits.
+    static auto* const mutex = new std::mutex;
+    static auto* const loaded =
+        new std::map<std::string, std::shared_ptr<const image::Image>, std::less<>>;
+    std::lock_guard lock(*mutex);
+    if (auto found = loaded->find(name); found != loaded->end())
         return found->second;
     auto picture = loadFrameworkImage(name);
-    loaded.emplace(std::string(name), picture);
+    loaded->emplace(std::string(name), picture);
     return picture;
 }
 

@@ -48,23 +48,45 @@ PELViewController::PELViewController() : state_(std::make_unique<State>()) {
 
 PELViewController::~PELViewController() = default;
 
-const std::optional<std::string>& PELViewController::appKey() const { return state_->appKey; }
+const std::optional<std::string>& PELViewController::appKey() const {
+    return state_->appKey;
+}
 void PELViewController::setAppKey(std::optional<std::string> appKey) {
     state_->appKey = std::move(appKey);
 }
 const std::shared_ptr<ar::SceneView>& PELViewController::sceneView() const {
     return state_->sceneView;
 }
-const PELRenderer& PELViewController::renderer() const { return state_->renderer; }
-bool PELViewController::isStaging() const { return state_->isStaging; }
-void PELViewController::setIsStaging(bool isStaging) { state_->isStaging = isStaging; }
-bool PELViewController::isOldCode() const { return state_->isOldCode; }
-void PELViewController::setIsOldCode(bool isOldCode) { state_->isOldCode = isOldCode; }
-const std::string& PELViewController::HOST() const { return state_->HOST; }
-void PELViewController::setHOST(std::string host) { state_->HOST = std::move(host); }
-const std::string& PELViewController::PROD_HOST() const { return state_->PROD_HOST; }
-void PELViewController::setPROD_HOST(std::string host) { state_->PROD_HOST = std::move(host); }
-const std::string& PELViewController::STAGING_HOST() const { return state_->STAGING_HOST; }
+const PELRenderer& PELViewController::renderer() const {
+    return state_->renderer;
+}
+bool PELViewController::isStaging() const {
+    return state_->isStaging;
+}
+void PELViewController::setIsStaging(bool isStaging) {
+    state_->isStaging = isStaging;
+}
+bool PELViewController::isOldCode() const {
+    return state_->isOldCode;
+}
+void PELViewController::setIsOldCode(bool isOldCode) {
+    state_->isOldCode = isOldCode;
+}
+const std::string& PELViewController::HOST() const {
+    return state_->HOST;
+}
+void PELViewController::setHOST(std::string host) {
+    state_->HOST = std::move(host);
+}
+const std::string& PELViewController::PROD_HOST() const {
+    return state_->PROD_HOST;
+}
+void PELViewController::setPROD_HOST(std::string host) {
+    state_->PROD_HOST = std::move(host);
+}
+const std::string& PELViewController::STAGING_HOST() const {
+    return state_->STAGING_HOST;
+}
 void PELViewController::setSTAGING_HOST(std::string host) {
     state_->STAGING_HOST = std::move(host);
 }
@@ -75,14 +97,18 @@ std::optional<PELProject> PELViewController::currentProject() const {
 const std::shared_ptr<PELSyncSupervisor>& PELViewController::syncSupervisor() const {
     return state_->syncSupervisor;
 }
-bool PELViewController::showsOverlay() const { return state_->showsOverlay; }
+bool PELViewController::showsOverlay() const {
+    return state_->showsOverlay;
+}
 std::shared_ptr<const image::Image> PELViewController::currentImage() const {
     return state_->currentImage;
 }
 const std::shared_ptr<ui::PhotoGalleryViewController>& PELViewController::gallery() const {
     return state_->gallery;
 }
-DispatchQueue& PELViewController::updateQueue() { return *state_->updateQueue; }
+DispatchQueue& PELViewController::updateQueue() {
+    return *state_->updateQueue;
+}
 
 std::shared_ptr<PELViewController> PELViewController::self() {
     return std::static_pointer_cast<PELViewController>(shared_from_this());
@@ -196,8 +222,8 @@ void PELViewController::restartTracking() {
                                                         ar::RunOptions::removeExistingAnchors);
 }
 
-std::shared_ptr<PELNode> PELViewController::findPELNode(
-    const std::shared_ptr<scene::Node>& parentNode) {
+std::shared_ptr<PELNode>
+PELViewController::findPELNode(const std::shared_ptr<scene::Node>& parentNode) {
     if (auto content = std::dynamic_pointer_cast<PELNode>(parentNode))
         return content;
     auto children = parentNode->childNodes();
@@ -251,8 +277,7 @@ std::string presentationString(const ar::TrackingState& state) {
     return "TRACKING UNAVAILABLE";
 }
 
-void PELViewController::cameraDidChangeTrackingState(ar::Session&,
-                                                     const ar::TrackingState& state) {
+void PELViewController::cameraDidChangeTrackingState(ar::Session&, const ar::TrackingState& state) {
     printLine("CameraDiDChangeTrackingState: " + presentationString(state));
 }
 
@@ -273,8 +298,12 @@ void PELViewController::wasInterrupted(ar::Session&) {
 }
 
 // The session resumes by itself; anchors are rebuilt only by the next tracking restart.
-void PELViewController::interruptionEnded(ar::Session&) { printLine("RESETTING SESSION"); }
+void PELViewController::interruptionEnded(ar::Session&) {
+    printLine("RESETTING SESSION");
+}
 
-bool PELViewController::shouldAttemptRelocalization(ar::Session&) { return true; }
+bool PELViewController::shouldAttemptRelocalization(ar::Session&) {
+    return true;
+}
 
 } // namespace pelkit

@@ -89,8 +89,8 @@ PELViewController::loadReferenceImages() {
     });
     group->wait();
     std::lock_guard lock(validated->mutex);
-    std::ranges::sort(validated->images, {}, &std::pair<std::size_t,
-                                                        std::shared_ptr<PELReferenceImage>>::first);
+    std::ranges::sort(validated->images, {},
+                      &std::pair<std::size_t, std::shared_ptr<PELReferenceImage>>::first);
     std::vector<std::shared_ptr<PELReferenceImage>> images;
     for (auto& entry : validated->images)
         images.push_back(entry.second);
@@ -114,8 +114,8 @@ void PELViewController::didAdd(ar::SceneView&, const std::shared_ptr<scene::Node
             fatalError("PELViewController: no app key to build content with");
         auto content = controller->state_->renderer.render(*reference, *appKey);
         content->setScale({0, 0, 0});
-        content->runAction(scene::Action::sequence(
-            {scene::Action::wait(0.2), scene::Action::scaleTo(1.0f, 0.5)}));
+        content->runAction(
+            scene::Action::sequence({scene::Action::wait(0.2), scene::Action::scaleTo(1.0f, 0.5)}));
         node->addChildNode(content);
     });
 }
@@ -218,7 +218,9 @@ void PELViewController::setGallery(std::shared_ptr<ui::PhotoGalleryViewControlle
     state_->gallery->setModalPresentationStyle(ui::ModalPresentationStyle::fullScreen);
 }
 
-int PELViewController::numberOfImagesInGallery(ui::PhotoGalleryViewController&) { return 1; }
+int PELViewController::numberOfImagesInGallery(ui::PhotoGalleryViewController&) {
+    return 1;
+}
 
 std::shared_ptr<const image::Image>
 PELViewController::imageInGallery(ui::PhotoGalleryViewController&, int) {

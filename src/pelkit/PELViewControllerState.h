@@ -5,7 +5,7 @@
 
 #include <pelkit/PELViewController.h>
 
-#include <atomic>
+#include <mutex>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,8 +24,24 @@ struct PELViewController::State {
     std::string PROD_HOST;
     std::string STAGING_HOST;
     // Written by the status thread after a synchronisation and read on the main thread: swapped
-    // whole, never changed in place.
-    std::atomic<std::shared_ptr<const PELProject>> currentProject;
+    // whole, never changed in place. (A mutex rather than std::atomic<std::shared_ptr>, whose
+    // lock bit the thread sanitizer cannot see.)
+    class ProjectSlot {
+    public:
+        std::shared_ptr<const PELProject> load() const {
+            std::lock_guard lock(mutex_);
+            return project_;
+        }
+        void store(std::shared_ptr<const PELProject> project) {
+            std::lock_guard lock(mutex_);
+            project_ = std::move(project);
+        }
+
+    private:
+        mutable std::mutex mutex_;
+        std::shared_ptr<const PELProject> project_;
+    };
+    ProjectSlot currentProject;
     std::shared_ptr<PELSyncSupervisor> syncSupervisor;
     bool showsOverlay = false;
     std::shared_ptr<const image::Image> currentImage;

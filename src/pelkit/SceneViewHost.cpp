@@ -43,11 +43,10 @@ void SceneViewHost::draw(ui::DrawContext& context) {
 void SceneViewHost::didMoveToWindow() {
     auto& app = ui::Application::shared();
     if (window() && !link_) {
-        link_ = app.addDisplayLink(
-            [weak = std::weak_ptr<View>(shared_from_this()), this](double) {
-                if (auto alive = weak.lock(); alive && sceneView_->framesDrawn() != pictureFrame_)
-                    setNeedsDisplay();
-            });
+        link_ = app.addDisplayLink([weak = std::weak_ptr<View>(shared_from_this()), this](double) {
+            if (auto alive = weak.lock(); alive && sceneView_->framesDrawn() != pictureFrame_)
+                setNeedsDisplay();
+        });
     } else if (!window() && link_) {
         app.removeDisplayLink(*link_);
         link_.reset();

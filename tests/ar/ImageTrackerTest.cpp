@@ -10,6 +10,7 @@
 #include <future>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 namespace pelkit::ar {
 namespace {
@@ -195,6 +196,24 @@ TEST_F(ImageTrackerTest, NoMoreImagesThanTheMaximumAreTracked) {
         most = std::max(most, result.images.size());
     }
     EXPECT_EQ(most, 8u) << "eight of the nine visible images are tracked";
+}
+
+// The cellular automaton's sharp corners outscore every feature of the other two: they are
+// found once it is tracked, within a few frames of each other.
+TEST_F(ImageTrackerTest, ABusyImageDoesNotHideTheOthers) {
+    std::string targets;
+    for (auto [file, x, y] :
+         {std::tuple{"cellauto.jpg", 0.12, 0.08}, std::tuple{"mandelbrot.jpg", -0.12, 0.08},
+          std::tuple{"life.jpg", 0.0, -0.1}})
+        targets += format(R"({}{{"image": "{}", "physicalWidth": 0.2, "keyframes": [
+            {{"time": 0, "position": [{}, {}, -0.5], "rotation": [-10, 0, 0]}},
+            {{"time": 1, "position": [{}, {}, -0.5], "rotation": [-10, 0, 0]}}]}})",
+                          targets.empty() ? "" : ",", target(file), x, y, x, y);
+    auto results = run(
+        format(R"({{{}, "frameRate": 30, "duration": 0.2, "targets": [{}]}})", kCamera, targets),
+        {demo("cellauto.jpg"), demo("mandelbrot.jpg"), demo("life.jpg")});
+    ASSERT_FALSE(results.empty());
+    EXPECT_EQ(results.back().images.size(), 3u);
 }
 
 TEST(ReferenceImageValidation, RejectsWhatCannotBeTrackedAndAcceptsAPhoto) {

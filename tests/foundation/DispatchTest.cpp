@@ -143,5 +143,19 @@ TEST(DispatchGroup, NotifiesOnceEveryMemberLeft) {
     EXPECT_TRUE(test::waitUntil([&] { return finishedWhenNotified == 3; }));
 }
 
+// A waiter may destroy the group as soon as its wait returns, while the last leave() is still on
+// its way out: the sanitizers catch a leave() that touches the group after its unlock.
+TEST(DispatchGroup, MayBeDestroyedAsSoonAsTheWaitReturns) {
+    DispatchQueue queue("test.group");
+    for (int round = 0; round < 500; ++round) {
+        auto group = std::make_unique<DispatchGroup>();
+        group->enter();
+        queue.async([member = group.get()] { member->leave(); });
+        group->wait();
+        group.reset();
+    }
+    queue.sync([] {});
+}
+
 } // namespace
 } // namespace pelkit

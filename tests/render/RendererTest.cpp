@@ -329,6 +329,59 @@ TEST_F(RendererTest, SpritesFlipHideAndFadeOverTheSceneBackground) {
     }
 }
 
+// Same geometry as above. A still scene keeps its texture; any change draws it again.
+TEST_F(RendererTest, A2DSceneIsDrawnAgainOnlyWhenWhatItShowsChanges) {
+    auto overlay = scene::Scene2D::create({64, 64});
+    auto sprite = scene::Sprite::create(solidImage(16, 16, red));
+    sprite->setPosition({16, 16});
+    overlay->addChild(sprite);
+    auto source = std::make_shared<FrameSource>();
+    auto video = scene::VideoSprite::create(source, {16, 16});
+    video->setPosition({48, 16});
+    overlay->addChild(video);
+    auto node = planeNode({64, 64}, overlay);
+    auto drawsAfter = [&] {
+        draw(node);
+        return renderer->statistics().sceneDraws;
+    };
+    const auto first = drawsAfter();
+    EXPECT_EQ(drawsAfter(), first) << "nothing changed";
+    sprite->setPosition({16, 48});
+    EXPECT_EQ(drawsAfter(), first + 1) << "a sprite moved";
+    auto picture = renderer->snapshot().value();
+    EXPECT_EQ(pixelAt(picture, 64, 76), red);
+    EXPECT_NE(pixelAt(picture, 64, 44), red) << "nothing left where it was";
+    source->frame = solidImage(16, 16, blue);
+    EXPECT_EQ(drawsAfter(), first + 2) << "the video's first frame";
+    EXPECT_EQ(drawsAfter(), first + 2) << "the same frame";
+    source->frame = solidImage(16, 16, green);
+    EXPECT_EQ(drawsAfter(), first + 3) << "the next frame";
+    EXPECT_EQ(pixelAt(renderer->snapshot().value(), 96, 44), green);
+    sprite->setHidden(true);
+    EXPECT_EQ(drawsAfter(), first + 4) << "a sprite hidden";
+    overlay->setBackgroundColor(colorOf(yellow));
+    EXPECT_EQ(drawsAfter(), first + 5) << "another background";
+}
+
+// A magnified picture is drawn into a texture of its own detail (here 16 texels for 64 points),
+// which must still cover the plane exactly: red above blue, each half of it.
+TEST_F(RendererTest, AMagnifiedPictureFillsItsSceneAtItsOwnDetail) {
+    auto overlay = scene::Scene2D::create({64, 64});
+    auto sprite = scene::Sprite::create(quadrantImage(16, 16, {red, red, blue, blue}));
+    sprite->setPosition({32, 32});
+    sprite->setXScale(4);
+    sprite->setYScale(-4);
+    overlay->addChild(sprite);
+    const image::Image picture = draw(planeNode({64, 64}, overlay));
+    for (int x : {52, 80, 108}) {
+        EXPECT_EQ(pixelAt(picture, x, 31), red) << x;
+        EXPECT_EQ(pixelAt(picture, x, 56), red) << x;
+        EXPECT_EQ(pixelAt(picture, x, 64), blue) << x;
+        EXPECT_EQ(pixelAt(picture, x, 89), blue) << x;
+    }
+    EXPECT_EQ(pixelAt(picture, 30, 60), grey) << "outside the plane";
+}
+
 TEST_F(RendererTest, SurfaceModifiersRunWithTheirMaterialsValues) {
     auto centreWith = [&](const std::string& modifier,
                           const std::map<std::string, scene::ShaderValue>& values = {}) {

@@ -41,17 +41,21 @@ struct RenderStatistics {
     std::uint64_t textureUploads = 0;     ///< images copied into textures
     std::uint64_t textureAllocations = 0; ///< textures created (a reused one is not counted)
     std::uint64_t programBuilds = 0;      ///< shader programs compiled and linked
+    std::uint64_t sceneDraws = 0;         ///< 2D scenes drawn into their textures
 };
 
 /// Draws frames into an output.
 ///
 /// Planes are the geometry drawn; each shows its first material (a plane without materials
 /// shows opaque white). The material's diffuse contents give the surface colour: a colour, an
-/// image, a 2D scene (drawn into a texture of one texel per point, see `Scene2D`) or a video
+/// image, a 2D scene (drawn into a texture of one texel per point, see `Scene2D`, or fewer when
+/// every picture in it is magnified and holds less detail than that) or a video
 /// source's current frame (a source without a frame yet leaves its plane out). Images are
 /// sampled from their exact 8-bit values, filtered bilinearly. Each image object is uploaded
 /// once and kept while it is drawn: an image counts as changed only when it is another object
-/// or its pixels are a new buffer (pixels rewritten in place are not seen). A surface shader
+/// or its pixels are a new buffer (pixels rewritten in place are not seen); likewise a 2D scene
+/// is drawn into its texture again only when its sprites, their pictures (a video's new frame)
+/// or its background change. A surface shader
 /// modifier runs as written: its lines before `#pragma body` are declarations, the rest runs per
 /// fragment with
 /// `_surface.diffuse` and `_surface.transparent` (both vec4) to read and change; with

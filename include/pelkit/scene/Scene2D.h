@@ -21,7 +21,8 @@ class Sprite;
 /// A 2D scene: a size in points, a background colour and sprites drawn in the order they were
 /// added. Scene coordinates have their origin at the bottom-left corner and y pointing up.
 ///
-/// As a texture. A 2D scene shown by a material becomes a texture of one texel per point, and
+/// As a texture. A 2D scene shown by a material becomes a texture of one texel per point (a
+/// renderer may use fewer where the scene's pictures hold less detail than that), and
 /// its rows run with scene y: texel row 0 holds scene y = 0..1, the bottom of the scene, and the
 /// first texture row lies along the plane's top edge (see `Plane`). A scene's bottom therefore
 /// shows at the top of the plane: a picture comes out upright on the plane only from a sprite

@@ -185,9 +185,10 @@ public:
         if (mode_ == RecognitionMode::background) {
             adoptFound(pyramid);
             if (wantsMore())
-                startRecognition(grey, pyramid);
+                startRecognition(withoutTracked(grey), pyramid);
         } else if (wantsMore()) {
-            for (auto& detection : recognizer_->detect(grey, trackedTargets(), room()))
+            for (auto& detection :
+                 recognizer_->detect(withoutTracked(grey), trackedTargets(), room()))
                 start(std::move(detection));
         }
         TrackingResult result;
@@ -209,6 +210,24 @@ private:
         std::vector<int> out;
         for (const auto& tracked : tracked_)
             out.push_back(tracked.target);
+        return out;
+    }
+
+    // The frame with the images already tracked painted flat. Detection keeps a frame's
+    // strongest features only, and a busy image in view would otherwise take them all and hide
+    // the other images from every later search too.
+    cv::Mat withoutTracked(const cv::Mat& grey) const {
+        if (tracked_.empty())
+            return grey;
+        cv::Mat out = grey.clone();
+        for (const auto& tracked : tracked_) {
+            auto corners = detail::frameCorners(tracked.alignment.homography,
+                                                recognizer_->workingSize(tracked.target));
+            std::vector<cv::Point> quad;
+            for (const auto& c : corners)
+                quad.emplace_back(int(std::lround(c.x)), int(std::lround(c.y)));
+            cv::fillConvexPoly(out, quad, cv::Scalar(128));
+        }
         return out;
     }
 
@@ -272,7 +291,9 @@ private:
         }
         queue_->async([worker = worker_, recognizer = recognizer_, grey, pyramid,
                        skip = trackedTargets(), count = room()] {
-            auto found = recognizer->detect(grey, skip, count);
+            std::vector<Detection> found;
+            if (auto pass = cvx::Pass::enter())
+                found = recognizer->detect(grey, skip, count);
             std::lock_guard lock(worker->mutex);
             worker->found = std::move(found);
             worker->pyramid = pyramid;

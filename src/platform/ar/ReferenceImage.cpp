@@ -1,5 +1,6 @@
 #include <pelkit/ar/ReferenceImage.h>
 
+#include "OpenCv.h"
 #include "Recognizer.h"
 
 #include <pelkit/foundation/Dispatch.h>
@@ -72,6 +73,9 @@ void ReferenceImage::validate(std::function<void(ErrorPtr)> completion) const {
                                        std::to_string(image.height) + " pixels; at least " +
                                        std::to_string(kMinimumSide) +
                                        " pixels are needed on each side"));
+        auto pass = cvx::Pass::enter();
+        if (!pass)
+            return completion(unusable("the process is ending"));
         std::vector<cv::KeyPoint> keypoints;
         cv::Mat descriptors;
         detail::orbFeatures(detail::workingPicture(*self), 500, 12, 20, keypoints, descriptors);

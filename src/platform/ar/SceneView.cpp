@@ -2,6 +2,7 @@
 // frames, observer events) and from callers (snapshots), run in order; frames are the only work
 // that can pile up, so the session waits while two are queued.
 #include "Mp4Writer.h"
+#include "OpenCv.h"
 
 #include <pelkit/ar/SceneView.h>
 #include <pelkit/render/Renderer.h>
@@ -239,8 +240,10 @@ bool SceneView::State::prepareRenderer(glm::ivec2 cameraSize) {
 void SceneView::State::draw(const Frame& frame) {
     if (auto d = listener())
         d->updateAtTime(*view, frame.clockTime);
+    // EGL and GL go away with the process's exit like OpenCV: the same gate covers them.
+    auto pass = cvx::Pass::enter();
     const auto& image = frame.camera.image;
-    if (!image || image->empty() || !prepareRenderer({image->width, image->height}))
+    if (!pass || !image || image->empty() || !prepareRenderer({image->width, image->height}))
         return;
     render::Frame drawn;
     drawn.background = image;

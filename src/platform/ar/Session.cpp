@@ -1,6 +1,7 @@
 // The session's thread: takes run and pause requests, reads frames, paces recordings by the
 // clock, tracks, and tells the delegate what changed.
 #include "AnchorBook.h"
+#include "OpenCv.h"
 
 #include <pelkit/ar/ImageTracker.h>
 #include <pelkit/ar/Session.h>
@@ -9,6 +10,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -184,8 +186,14 @@ void Session::State::apply(const Request& request) {
 bool Session::State::open() {
     if (source)
         return true;
+    // Opening a camera or reading a script's pictures goes through OpenCV.
+    std::optional<cvx::Pass> pass(cvx::Pass::enter());
+    if (!*pass)
+        return false;
     auto made = feed.makeSource();
-    if (auto started = made->start(); !started) {
+    auto started = made->start();
+    pass.reset(); // never held across the delegate's callbacks
+    if (!started) {
         fail(SessionError::Code::cameraUnavailable, started.error());
         return false;
     }
@@ -201,12 +209,13 @@ bool Session::State::open() {
 void Session::State::makeTracker() {
     auto mode =
         feed.kind == SourceKind::camera ? RecognitionMode::background : RecognitionMode::inline_;
-    tracker =
-        ImageTracker::create(running.trackingImages, running.maximumNumberOfTrackedImages, mode);
+    if (auto pass = cvx::Pass::enter())
+        tracker = ImageTracker::create(running.trackingImages, running.maximumNumberOfTrackedImages,
+                                       mode);
 }
 
 void Session::State::close() {
-    if (source)
+    if (auto pass = cvx::Pass::enter(); pass && source)
         source->stop();
     source.reset();
     tracker.reset();
@@ -214,7 +223,14 @@ void Session::State::close() {
 
 void Session::State::step(std::stop_token wakeToken) {
     CameraFrame camera;
+    std::optional<cvx::Pass> pass(cvx::Pass::enter());
+    if (!*pass) {
+        // The process is ending: no more frames, and no spinning either.
+        std::this_thread::sleep_for(kFramePoll);
+        return;
+    }
     auto outcome = source->nextFrame(camera, kFramePoll);
+    pass.reset(); // never held across the delegate's callbacks
     if (!outcome) {
         fail(SessionError::Code::cameraFailed, outcome.error());
         return;
@@ -248,7 +264,11 @@ void Session::State::step(std::stop_token wakeToken) {
 }
 
 void Session::State::show(CameraFrame camera, double clockTime) {
-    auto result = tracker->process(camera);
+    TrackingResult result;
+    if (auto pass = cvx::Pass::enter(); pass && tracker)
+        result = tracker->process(camera);
+    else
+        return;
     auto changes =
         anchors.track(result.images, running.trackingImages, running.maximumNumberOfTrackedImages);
     auto state = stateFor(result.quality);

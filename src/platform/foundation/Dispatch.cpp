@@ -308,16 +308,19 @@ void DispatchGroup::enter() {
 }
 
 void DispatchGroup::leave() {
+    // The last leave lets a waiter return and destroy the group at once: what follows the
+    // unlock must not reach it through `this`.
+    const auto state = state_;
     decltype(State::notifications) due;
     {
-        std::lock_guard lock(state_->mutex);
-        if (state_->count == 0)
+        std::lock_guard lock(state->mutex);
+        if (state->count == 0)
             fatalError("DispatchGroup::leave(): unbalanced call, the group is already empty");
-        if (--state_->count > 0)
+        if (--state->count > 0)
             return;
-        due.swap(state_->notifications);
+        due.swap(state->notifications);
     }
-    state_->empty.notify_all();
+    state->empty.notify_all();
     for (auto& [queue, work] : due)
         queue->async(std::move(work));
 }

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
@@ -37,14 +38,28 @@ struct DrawItem {
     const gl::Program* program = nullptr;
 };
 
+// One sprite as a 2D scene's texture shows it. Holding the picture keeps its identity: another
+// picture can never reuse its address while it is compared against.
+struct DrawnSprite {
+    std::shared_ptr<const image::Image> image;
+    const std::uint8_t* pixels = nullptr;
+    glm::mat3 imageToScene{1};
+    float alpha = 1;
+    friend bool operator==(const DrawnSprite&, const DrawnSprite&) = default;
+};
+
 // A 2D scene's texture and the framebuffer that draws into it.
 struct SceneTarget {
     std::weak_ptr<scene::Scene2D> scene;
-    glm::ivec2 size{0};
+    glm::ivec2 size{0};   // texels
+    glm::ivec2 points{0}; // the scene's size, which the texture covers whatever its detail
     gl::Texture texture;
     gl::Framebuffer framebuffer;
     std::uint64_t lastUsed = 0;
     bool drawn = false; // in the current frame
+    // What the texture holds; a scene that shows the same again is not drawn again.
+    std::optional<std::vector<DrawnSprite>> shows;
+    scene::Color background;
 };
 
 struct ProgramKey {
@@ -131,6 +146,25 @@ std::shared_ptr<const image::Image> imageOf(const scene::SpritePicture& picture)
     return std::get<std::shared_ptr<const image::Image>>(picture);
 }
 
+// Texels per point a 2D scene needs: one where any picture is drawn at or below its own size,
+// fewer when every picture is magnified (a 320x240 video stretched over 1280x720 points holds no
+// more than 427x240 texels of detail). A scene of its background alone is one colour.
+float detailOf(const std::vector<DrawnSprite>& sprites) {
+    constexpr float kLeast = 1.0f / 8;
+    float detail = kLeast;
+    for (const auto& sprite : sprites) {
+        if (!sprite.image)
+            continue;
+        const float wide = glm::length(glm::vec2(sprite.imageToScene[0]));
+        const float high = glm::length(glm::vec2(sprite.imageToScene[1]));
+        if (wide <= 0 || high <= 0)
+            continue;
+        detail = std::max({detail, static_cast<float>(sprite.image->width) / wide,
+                           static_cast<float>(sprite.image->height) / high});
+    }
+    return std::min(detail, 1.0f);
+}
+
 enum class Readiness { draw, leaveOut };
 
 } // namespace
@@ -160,7 +194,8 @@ struct Renderer::State {
                                             const std::string& modifier);
     Result<GLuint> sceneTexture(const SceneSnapshot& snapshot);
     Result<void> allocateSceneTarget(SceneTarget& target, glm::ivec2 size);
-    Result<void> drawScene(const SceneTarget& target, const SceneSnapshot& snapshot);
+    Result<void> drawScene(const SceneTarget& target, const SceneSnapshot& snapshot,
+                           const std::vector<DrawnSprite>& sprites);
     Result<void> drawFrame(const Frame& frame, std::vector<PlaneSnapshot> planes);
     Result<std::vector<const DrawItem*>> prepareAll(std::vector<DrawItem>& items,
                                                     ErrorPtr& firstError);
@@ -194,9 +229,19 @@ Result<const gl::Program*> Renderer::State::planeProgram(Diffuse diffuse, Sampli
 }
 
 Result<GLuint> Renderer::State::sceneTexture(const SceneSnapshot& snapshot) {
-    const auto size = sceneTextureSize(snapshot.size, largestTexture);
-    if (!size)
+    const auto points = sceneTextureSize(snapshot.size, largestTexture);
+    if (!points)
         return 0;
+    std::vector<DrawnSprite> shows;
+    shows.reserve(snapshot.sprites.size());
+    for (const auto& sprite : snapshot.sprites) {
+        auto image = imageOf(sprite.picture);
+        const auto* pixels = image ? image->rgba.data() : nullptr;
+        shows.push_back({std::move(image), pixels, sprite.imageToScene, sprite.alpha});
+    }
+    const float detail = detailOf(shows);
+    const glm::ivec2 size =
+        glm::max(glm::ivec2(1), glm::ivec2(glm::round(glm::vec2(*points) * detail)));
     const scene::Scene2D* key = snapshot.scene.get();
     SceneTarget& target = sceneTargets[key];
     if (!sameScene(target.scene, snapshot.scene)) {
@@ -206,15 +251,25 @@ Result<GLuint> Renderer::State::sceneTexture(const SceneSnapshot& snapshot) {
     target.lastUsed = frameNumber;
     if (target.drawn) // by another plane this frame
         return target.texture.get();
-    if (!target.texture || target.size != *size) {
-        if (auto allocated = allocateSceneTarget(target, *size); !allocated) {
+    if (!target.texture || target.size != size) {
+        if (auto allocated = allocateSceneTarget(target, size); !allocated) {
             sceneTargets.erase(key);
             return std::unexpected(allocated.error());
         }
+        target.shows.reset();
     }
-    if (auto drawn = drawScene(target, snapshot); !drawn)
-        return std::unexpected(drawn.error());
+    // Most 2D scenes hold still (a button, a paused video's hidden sprite): drawing one again
+    // into a large texture every frame is most of what content costs on a software renderer.
     target.drawn = true;
+    target.points = *points;
+    if (target.shows == shows && target.background == snapshot.background)
+        return target.texture.get();
+    target.shows.reset();
+    if (auto drawn = drawScene(target, snapshot, shows); !drawn)
+        return std::unexpected(drawn.error());
+    ++statistics.sceneDraws;
+    target.shows = std::move(shows);
+    target.background = snapshot.background;
     return target.texture.get();
 }
 
@@ -237,7 +292,8 @@ Result<void> Renderer::State::allocateSceneTarget(SceneTarget& target, glm::ivec
     return {};
 }
 
-Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSnapshot& snapshot) {
+Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSnapshot& snapshot,
+                                        const std::vector<DrawnSprite>& sprites) {
     // Framebuffer row y is texture row y, so texel coordinates are window coordinates here.
     glBindFramebuffer(GL_FRAMEBUFFER, target.framebuffer.get());
     glViewport(0, 0, target.size.x, target.size.y);
@@ -250,15 +306,16 @@ Result<void> Renderer::State::drawScene(const SceneTarget& target, const SceneSn
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
     glUseProgram(spriteProgram.name.get());
-    glUniform2f(spriteProgram.location("pelkit_targetSize"), static_cast<float>(target.size.x),
-                static_cast<float>(target.size.y));
+    // Sprites are placed in points; the viewport scales them to the texture's detail.
+    glUniform2f(spriteProgram.location("pelkit_targetSize"), static_cast<float>(target.points.x),
+                static_cast<float>(target.points.y));
     glUniform1f(spriteProgram.location("pelkit_channelMax"), 255.0f);
     glUniform1i(spriteProgram.location("pelkit_texture"), 0);
     const GLint cornersLocation = spriteProgram.location("pelkit_corners[0]");
     const GLint alphaLocation = spriteProgram.location("pelkit_alpha");
     glActiveTexture(GL_TEXTURE0);
-    for (const auto& sprite : snapshot.sprites) {
-        auto texture = textures.textureFor(imageOf(sprite.picture));
+    for (const auto& sprite : sprites) {
+        auto texture = textures.textureFor(sprite.image);
         if (!texture)
             return std::unexpected(texture.error());
         if (*texture == 0)
