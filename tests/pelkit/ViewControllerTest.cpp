@@ -20,7 +20,8 @@ namespace {
 using media::TimeControlStatus;
 
 // The cellular automaton (video, audio) in view until 6 s, then out of view (lost); the
-// Mandelbrot target (image, link) from 7 s on.
+// Mandelbrot target (image, link) from 7 s on, left of where the automaton left: a lost target's
+// content stays where it was last seen and would take taps meant for the other.
 constexpr const char* walk = R"({
   "resolution": [640, 480], "fieldOfView": 60, "frameRate": 5, "duration": 60,
   "backgroundColor": [70, 66, 60], "seed": 1,
@@ -30,8 +31,8 @@ constexpr const char* walk = R"({
       {"time": 6, "position": [0, 0, -0.4], "rotation": [-10, 0, 0]},
       {"time": 6.6, "position": [0.6, 0, -0.4], "rotation": [-10, 0, 0]}]},
     {"image": "MANDEL", "physicalWidth": 0.2, "keyframes": [
-      {"time": 7, "position": [0, 0, -0.4], "rotation": [-10, 0, 0]},
-      {"time": 60, "position": [0, 0, -0.4], "rotation": [-10, 0, 0]}]}]})";
+      {"time": 7, "position": [-0.1, 0, -0.4], "rotation": [-10, 0, 0]},
+      {"time": 60, "position": [-0.1, 0, -0.4], "rotation": [-10, 0, 0]}]}]})";
 
 TimeControlStatus status(const std::shared_ptr<media::Player>& player) {
     return player->timeControlStatus();
