@@ -1,6 +1,7 @@
 // Recognition hands each found image to a tracker that follows its points from frame to frame
 // with pyramidal Lucas-Kanade (checked forward and backward) and re-aligns it with its reference
 // now and then, so it neither drifts nor pays for recognition every frame.
+#include "ExitPass.h"
 #include "OpenCv.h"
 #include "Recognizer.h"
 
@@ -292,7 +293,7 @@ private:
         queue_->async([worker = worker_, recognizer = recognizer_, grey, pyramid,
                        skip = trackedTargets(), count = room()] {
             std::vector<Detection> found;
-            if (auto pass = cvx::Pass::enter())
+            if (auto pass = detail::ExitPass::enter())
                 found = recognizer->detect(grey, skip, count);
             std::lock_guard lock(worker->mutex);
             worker->found = std::move(found);

@@ -2,12 +2,6 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <mutex>
-#include <utility>
-
 namespace pelkit::ar::cvx {
 namespace {
 
@@ -17,56 +11,7 @@ cv::Mat wrap(const image::Image& image) {
                    image.stride());
 }
 
-struct Gate {
-    std::mutex mutex;
-    std::condition_variable left;
-    int inside = 0;
-    bool closed = false;
-};
-
-void closeGate();
-
-// Never destroyed: the exit handler and late threads use it during static destruction.
-Gate& gate() {
-    static Gate* const made = [] {
-        // OpenCV's per-thread storage must exist before the handler is registered, so that the
-        // handler runs before the storage is torn down.
-        (void)cv::theRNG();
-        std::atexit(closeGate);
-        return new Gate;
-    }();
-    return *made;
-}
-
-void closeGate() {
-    auto& g = gate();
-    std::unique_lock lock(g.mutex);
-    g.closed = true;
-    // Bounded: a stuck camera read must not turn the exit into a hang.
-    g.left.wait_for(lock, std::chrono::seconds(5), [&] { return g.inside == 0; });
-}
-
 } // namespace
-
-Pass Pass::enter() {
-    auto& g = gate();
-    std::lock_guard lock(g.mutex);
-    if (g.closed)
-        return Pass(false);
-    ++g.inside;
-    return Pass(true);
-}
-
-Pass::Pass(Pass&& other) noexcept : admitted_(std::exchange(other.admitted_, false)) {}
-
-Pass::~Pass() {
-    if (!admitted_)
-        return;
-    auto& g = gate();
-    std::lock_guard lock(g.mutex);
-    if (--g.inside == 0)
-        g.left.notify_all();
-}
 
 cv::Mat grey(const image::Image& image) {
     cv::Mat out;

@@ -1,6 +1,6 @@
 #include <pelkit/ar/ReferenceImage.h>
 
-#include "OpenCv.h"
+#include "ExitPass.h"
 #include "Recognizer.h"
 
 #include <pelkit/foundation/Dispatch.h>
@@ -73,7 +73,7 @@ void ReferenceImage::validate(std::function<void(ErrorPtr)> completion) const {
                                        std::to_string(image.height) + " pixels; at least " +
                                        std::to_string(kMinimumSide) +
                                        " pixels are needed on each side"));
-        auto pass = cvx::Pass::enter();
+        auto pass = detail::ExitPass::enter();
         if (!pass)
             return completion(unusable("the process is ending"));
         std::vector<cv::KeyPoint> keypoints;

@@ -1,8 +1,8 @@
 // The scene view's renderer thread: a mailbox of work from the session's thread (anchor changes,
 // frames, observer events) and from callers (snapshots), run in order; frames are the only work
 // that can pile up, so the session waits while two are queued.
+#include "ExitPass.h"
 #include "Mp4Writer.h"
-#include "OpenCv.h"
 
 #include <pelkit/ar/SceneView.h>
 #include <pelkit/render/Renderer.h>
@@ -240,8 +240,8 @@ bool SceneView::State::prepareRenderer(glm::ivec2 cameraSize) {
 void SceneView::State::draw(const Frame& frame) {
     if (auto d = listener())
         d->updateAtTime(*view, frame.clockTime);
-    // EGL and GL go away with the process's exit like OpenCV: the same gate covers them.
-    auto pass = cvx::Pass::enter();
+    // EGL goes away with the process's exit: no drawing once it has begun.
+    auto pass = detail::ExitPass::enter();
     const auto& image = frame.camera.image;
     if (!pass || !image || image->empty() || !prepareRenderer({image->width, image->height}))
         return;

@@ -1,7 +1,7 @@
 // The session's thread: takes run and pause requests, reads frames, paces recordings by the
 // clock, tracks, and tells the delegate what changed.
 #include "AnchorBook.h"
-#include "OpenCv.h"
+#include "ExitPass.h"
 
 #include <pelkit/ar/ImageTracker.h>
 #include <pelkit/ar/Session.h>
@@ -187,7 +187,7 @@ bool Session::State::open() {
     if (source)
         return true;
     // Opening a camera or reading a script's pictures goes through OpenCV.
-    std::optional<cvx::Pass> pass(cvx::Pass::enter());
+    std::optional<detail::ExitPass> pass(detail::ExitPass::enter());
     if (!*pass)
         return false;
     auto made = feed.makeSource();
@@ -209,13 +209,13 @@ bool Session::State::open() {
 void Session::State::makeTracker() {
     auto mode =
         feed.kind == SourceKind::camera ? RecognitionMode::background : RecognitionMode::inline_;
-    if (auto pass = cvx::Pass::enter())
+    if (auto pass = detail::ExitPass::enter())
         tracker = ImageTracker::create(running.trackingImages, running.maximumNumberOfTrackedImages,
                                        mode);
 }
 
 void Session::State::close() {
-    if (auto pass = cvx::Pass::enter(); pass && source)
+    if (auto pass = detail::ExitPass::enter(); pass && source)
         source->stop();
     source.reset();
     tracker.reset();
@@ -223,7 +223,7 @@ void Session::State::close() {
 
 void Session::State::step(std::stop_token wakeToken) {
     CameraFrame camera;
-    std::optional<cvx::Pass> pass(cvx::Pass::enter());
+    std::optional<detail::ExitPass> pass(detail::ExitPass::enter());
     if (!*pass) {
         // The process is ending: no more frames, and no spinning either.
         std::this_thread::sleep_for(kFramePoll);
@@ -265,7 +265,7 @@ void Session::State::step(std::stop_token wakeToken) {
 
 void Session::State::show(CameraFrame camera, double clockTime) {
     TrackingResult result;
-    if (auto pass = cvx::Pass::enter(); pass && tracker)
+    if (auto pass = detail::ExitPass::enter(); pass && tracker)
         result = tracker->process(camera);
     else
         return;
