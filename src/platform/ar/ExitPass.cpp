@@ -32,6 +32,8 @@ Gate& gate() {
     return *made;
 }
 
+// Runs once or twice (see closeBeforeLibrariesStartedSoFar); the second time finds the gate
+// closed and nobody inside.
 void closeGate() {
     auto& g = gate();
     std::unique_lock lock(g.mutex);
@@ -49,6 +51,14 @@ ExitPass ExitPass::enter() {
         return ExitPass(false);
     ++g.inside;
     return ExitPass(true);
+}
+
+void ExitPass::closeBeforeLibrariesStartedSoFar() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        (void)gate();
+        std::atexit(closeGate);
+    });
 }
 
 ExitPass::ExitPass(ExitPass&& other) noexcept : admitted_(std::exchange(other.admitted_, false)) {}

@@ -13,6 +13,12 @@ namespace pelkit::ar::detail {
 class ExitPass {
 public:
     [[nodiscard]] static ExitPass enter();
+    /// Exit handlers and static destructors run in the reverse order of their registration, and
+    /// what drawing first starts (the renderer's statics, the GL driver's threads) registers its
+    /// teardown then, after the gate was made: at exit it would go first, under a frame still
+    /// drawing. Called once the first frame is drawn, this registers the gate again so that it
+    /// closes, and waits for that frame, before all of those. Once per process.
+    static void closeBeforeLibrariesStartedSoFar();
     ExitPass(ExitPass&& other) noexcept;
     ExitPass& operator=(ExitPass&&) = delete;
     ~ExitPass();

@@ -252,6 +252,7 @@ void SceneView::State::draw(const Frame& frame) {
     drawn.time = frame.clockTime;
     if (auto rendered = renderer->render(drawn); !rendered)
         noteError(rendered.error());
+    detail::ExitPass::closeBeforeLibrariesStartedSoFar();
     {
         std::lock_guard lock(mutex);
         lastCamera = drawn.camera;
