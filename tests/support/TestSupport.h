@@ -6,9 +6,11 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -60,16 +62,45 @@ private:
 class HttpTestServer {
 public:
     HttpTestServer();
+    /// Serves https with the certificate and key that `pem` holds.
+    explicit HttpTestServer(const std::filesystem::path& pem);
     ~HttpTestServer();
-    httplib::Server server;
+
+private:
+    std::unique_ptr<httplib::Server> owned_;
+
+public:
+    httplib::Server& server;
     void start();
     int port() const { return port_; }
-    /// "http://127.0.0.1:<port>"
+    /// "http://127.0.0.1:<port>", or https
     std::string baseUrl() const;
 
 private:
+    std::string scheme_ = "http";
     int port_ = 0;
     std::thread thread_;
+};
+
+/// A TCP port on 127.0.0.1 that never answers. Refusing, it is bound but not listening; silent,
+/// it accepts a connection, never answers, and notices when the other side closes it.
+class SilentPort {
+public:
+    enum class Mode { refuse, silent };
+    explicit SilentPort(Mode mode = Mode::silent);
+    ~SilentPort();
+    SilentPort(const SilentPort&) = delete;
+    SilentPort& operator=(const SilentPort&) = delete;
+    std::string url(const std::string& path = "/") const;
+    bool accepted() const { return accepted_; }
+    bool closedByPeer() const { return closedByPeer_; }
+
+private:
+    void serve();
+    int listener_ = -1;
+    int port_ = 0;
+    std::thread thread_;
+    std::atomic<bool> stop_{false}, accepted_{false}, closedByPeer_{false};
 };
 
 /// Polls `done` until it holds or `timeout` passes.
