@@ -157,11 +157,7 @@ void ViewControllerTest::waitForTracking() {
         return controller->currentProject() &&
                controller->sceneView()->session().configuration().has_value();
     })) << "no project tracked: "
-        << testing::PrintToString(lines->lines()) << " project "
-        << controller->currentProject().has_value() << " requests "
-        << (server ? server->requests().size() : 0) << " loaded " << controller->isViewLoaded()
-        << " synching "
-        << (controller->syncSupervisor() && controller->syncSupervisor()->isSynching());
+        << testing::PrintToString(lines->lines());
     // The first frame is at time 0; the nudge keeps later steps clear of rounding.
     clock->advance(1e-6);
 }
@@ -207,6 +203,11 @@ void ViewControllerTest::tapOn(const std::shared_ptr<scene::Node>& node) {
 bool ViewControllerTest::pumpUntil(const std::function<bool()>& done,
                                    std::chrono::milliseconds limit) {
     return ui::Application::shared().runUntil(done, limit);
+}
+
+long ViewControllerTest::synchronisations() const {
+    auto all = server->requests();
+    return std::ranges::count(all, std::string("/configuration"), &devserver::LoggedRequest::path);
 }
 
 int ViewControllerTest::count(const std::string& line) const {
