@@ -29,11 +29,8 @@ const std::string kTrying =
     "failed to write the response data to file..trying to start download task..";
 const std::string kNotAUrl = "provided data was not a correct url";
 
-std::string text(const fs::path& path) {
-    return std::string(textOf(readFile(path).value_or(Bytes{})));
-}
 std::string fixture(const std::string& name) {
-    return text(fixturesDirectory() / name);
+    return fileText(fixturesDirectory() / name);
 }
 
 std::optional<std::string> header(const httplib::Headers& headers, const std::string& name) {
@@ -162,7 +159,9 @@ protected:
     static fs::path projectDirectory() {
         return PELStorage(kAppKey).getConfigurationFilePath().parent_path();
     }
-    static std::string stored(const std::string& name) { return text(projectDirectory() / name); }
+    static std::string stored(const std::string& name) {
+        return fileText(projectDirectory() / name);
+    }
     static std::optional<std::string> remembered() {
         return UserDefaults::standard().string(PELSyncSupervisor::lastUpdatedKey(kAppKey));
     }

@@ -1,9 +1,12 @@
 #include "TestSupport.h"
 
+#include <pelkit/foundation/FileSystem.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -135,6 +138,30 @@ void SilentPort::serve() {
     }
     if (connection >= 0)
         ::close(connection);
+}
+
+void Gate::wait() {
+    std::unique_lock lock(mutex_);
+    opened_.wait(lock, [&] { return open_; });
+}
+
+void Gate::open() {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+    opened_.notify_all();
+}
+
+std::string fileText(const std::filesystem::path& path) {
+    auto bytes = readFile(path);
+    return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
+}
+
+ProgramRun runProgram(const std::string& commandLine) {
+    TempDir outputs;
+    const int status = std::system(
+        (commandLine + " >" + (outputs / "out").string() + " 2>" + (outputs / "err").string())
+            .c_str());
+    return {WEXITSTATUS(status), fileText(outputs / "out"), fileText(outputs / "err")};
 }
 
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

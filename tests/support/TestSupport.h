@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -102,6 +103,29 @@ private:
     std::thread thread_;
     std::atomic<bool> stop_{false}, accepted_{false}, closedByPeer_{false};
 };
+
+/// Holds callers of `wait()` until `open()` is called; open for good after that.
+class Gate {
+public:
+    void wait();
+    void open();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable opened_;
+    bool open_ = false;
+};
+
+/// The text of a file, or "<unreadable>".
+std::string fileText(const std::filesystem::path& path);
+
+/// How a program ended: its exit status, standard output and standard error.
+struct ProgramRun {
+    int status;
+    std::string out, err;
+};
+/// Runs `commandLine` through the shell until it ends.
+ProgramRun runProgram(const std::string& commandLine);
 
 /// Polls `done` until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& done,
