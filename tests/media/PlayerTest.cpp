@@ -186,12 +186,6 @@ struct FailureCase {
 
 class FailsReadably : public PlayerTest, public ::testing::WithParamInterface<FailureCase> {};
 
-std::string replaced(std::string text, const std::string& key, const std::string& value) {
-    if (auto at = text.find(key); at != std::string::npos)
-        text.replace(at, key.size(), value);
-    return text;
-}
-
 TEST_P(FailsReadably, LeavesThePlayerFailedAndWaiting) {
     const FailureCase& c = GetParam();
     TempDir dir;

@@ -27,11 +27,6 @@ std::vector<std::shared_ptr<PELViewController>>& keptScreens() {
     return *screens;
 }
 
-void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
-}
-
 struct Stage {
     TempDir root;
     std::unique_ptr<devserver::DevServer> server;
@@ -133,10 +128,9 @@ void ViewControllerTest::serve(const nlohmann::json& configuration) {
 
 void ViewControllerTest::writeScript(std::string json) {
     const auto targets = (demoProject() / "targets").string();
-    replaceAll(json, "MANDEL", targets + "/mandelbrot.jpg");
-    replaceAll(json, "CELL", targets + "/cellauto.jpg");
-    replaceAll(json, "LIFE", targets + "/life.jpg");
-    std::ofstream(dir / "walk.json") << json;
+    json = replaced(json, "MANDEL", targets + "/mandelbrot.jpg");
+    json = replaced(json, "CELL", targets + "/cellauto.jpg");
+    std::ofstream(dir / "walk.json") << replaced(json, "LIFE", targets + "/life.jpg");
     auto feed = ar::FrameFeed::fromDescription("script:" + (dir / "walk.json").string());
     feed.clock = clock;
     ar::setDefaultFrameFeed(feed);

@@ -32,14 +32,6 @@ constexpr scene::Color colorOf(Rgba c, float alpha = 1) {
     return {c[0] / 255.0f, c[1] / 255.0f, c[2] / 255.0f, alpha};
 }
 
-// `over` blended over `under` at `alpha`, rounded as the framebuffer stores it.
-Rgba mix(Rgba over, Rgba under, float alpha) {
-    Rgba mixed{0, 0, 0, 255};
-    for (int c = 0; c < 3; ++c)
-        mixed[c] = static_cast<int>(std::lround(over[c] * alpha + under[c] * (1 - alpha)));
-    return mixed;
-}
-
 void expectNear(Rgba actual, Rgba expected, const std::string& what) {
     for (int c = 0; c < 4; ++c)
         EXPECT_NEAR(actual[c], expected[c], 1) << what << ": " << testing::PrintToString(actual);

@@ -151,6 +151,12 @@ void Gate::open() {
     opened_.notify_all();
 }
 
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+    return text;
+}
+
 std::string fileText(const std::filesystem::path& path) {
     auto bytes = readFile(path);
     return bytes ? std::string(textOf(*bytes)) : "<unreadable>";

@@ -116,6 +116,9 @@ private:
     bool open_ = false;
 };
 
+/// `text` with every `from` replaced by `to`.
+std::string replaced(std::string text, const std::string& from, const std::string& to);
+
 /// The text of a file, or "<unreadable>".
 std::string fileText(const std::filesystem::path& path);
 
