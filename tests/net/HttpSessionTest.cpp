@@ -59,10 +59,6 @@ std::vector<DataTaskResult> fetchAll(HttpSession& session, const std::vector<Fet
     return results;
 }
 
-DataTaskResult fetch(HttpSession& session, HttpRequest request) {
-    return std::move(fetchAll(session, {{std::move(request)}}).front());
-}
-
 /// A download delegate that records every callback, then its own destruction; the record outlives
 /// the delegate.
 struct Event {
@@ -262,7 +258,7 @@ TEST_F(HttpSessionTest, RequestGoesOutAsWrittenAndItsHeadersOnlyToItsOrigin) {
               true}}) {
         auto request = requestFor(server.baseUrl() + path);
         request.headers = headers;
-        auto result = fetch(HttpSession::shared(), request);
+        auto result = std::move(fetchAll(HttpSession::shared(), {{request}}).front());
         ASSERT_FALSE(result.error) << name << ": " << *result.error;
         ASSERT_EQ(result.response->statusCode, 200) << name << ": the redirect must be followed";
         auto last = requests().back();
