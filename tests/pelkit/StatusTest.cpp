@@ -49,23 +49,23 @@ TEST(PELStatus, PrintsCaseThenLabelledPayload) {
     // Wrapped twice, as a failed preparation step arrives.
     PELError twice =
         PELError::networkError(PELError::networkError(PELError::alreadyUpToDate().share()).share());
-    using Case = PELStatus::Case;
     const struct {
         PELStatus status;
-        Case which;
+        PELStatus::Case which;
         const char* text;
     } cases[] = {
-        {PELStatus::updateStarted(false), Case::updateStarted, "updateStarted(firstTime: false)"},
-        {PELStatus::downloadProgress(0.1f), Case::downloadProgress,
+        {PELStatus::updateStarted(false), PELStatus::Case::updateStarted,
+         "updateStarted(firstTime: false)"},
+        {PELStatus::downloadProgress(0.1f), PELStatus::Case::downloadProgress,
          "downloadProgress(percentage: 0.1)"},
-        {PELStatus::downloadProgress(-0.5f), Case::downloadProgress,
+        {PELStatus::downloadProgress(-0.5f), PELStatus::Case::downloadProgress,
          "downloadProgress(percentage: -0.5)"},
-        {PELStatus::updateFailed(twice), Case::updateFailed,
+        {PELStatus::updateFailed(twice), PELStatus::Case::updateFailed,
          "updateFailed(error: networkError(networkError(alreadyUpToDate)))"},
-        {PELStatus::downloadStarted(), Case::downloadStarted, "downloadStarted"},
-        {PELStatus::downloadCompleted(), Case::downloadCompleted, "downloadCompleted"},
-        {PELStatus::updateCompleted(), Case::updateCompleted, "updateCompleted"},
-        {PELStatus::alreadyUpToDate(), Case::alreadyUpToDate, "alreadyUpToDate"},
+        {PELStatus::downloadStarted(), PELStatus::Case::downloadStarted, "downloadStarted"},
+        {PELStatus::downloadCompleted(), PELStatus::Case::downloadCompleted, "downloadCompleted"},
+        {PELStatus::updateCompleted(), PELStatus::Case::updateCompleted, "updateCompleted"},
+        {PELStatus::alreadyUpToDate(), PELStatus::Case::alreadyUpToDate, "alreadyUpToDate"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
