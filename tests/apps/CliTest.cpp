@@ -9,29 +9,16 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <fstream>
 
 namespace pelkit {
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
+using Outcome = test::ProgramRun;
 
 Outcome pelkit(const std::string& arguments) {
-    test::TempDir outputs;
-    auto read = [](const std::filesystem::path& path) {
-        auto bytes = readFile(path);
-        return bytes ? std::string(textOf(*bytes)) : std::string();
-    };
-    int status = std::system((std::string(PELKIT_CLI) + " " + arguments + " >" +
-                              (outputs / "out").string() + " 2>" + (outputs / "err").string())
-                                 .c_str());
-    return {WEXITSTATUS(status), read(outputs / "out"), read(outputs / "err")};
+    return test::runProgram(std::string(PELKIT_CLI) + " " + arguments);
 }
 
 class PelkitCli : public ::testing::Test {

@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <ranges>
-#include <sys/wait.h>
 
 namespace pelkit::devserver {
 namespace {
@@ -40,11 +39,6 @@ std::expected<DevServerOptions, std::string> parse(const std::string& line) {
 /// The reason a parse refused its arguments, or "<accepted>".
 template <class Value> std::string refusal(const std::expected<Value, std::string>& parsed) {
     return parsed ? "<accepted>" : parsed.error();
-}
-
-std::string contents(const fs::path& path) {
-    auto bytes = readFile(path);
-    return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
 }
 
 TEST(CommandLine, ReadsEveryDevServerOption) {
@@ -117,18 +111,9 @@ TEST(CommandLine, HelpAndMistakesConcernTheCommandNamed) {
             << arguments;
 }
 
-/// Runs the devserver program with `arguments`; its exit status, standard output and error.
-struct Run {
-    int status;
-    std::string out;
-    std::string err;
-};
-Run runToEnd(const std::string& arguments) {
-    test::TempDir outputs;
-    const int status = std::system((std::string(PELKIT_DEVSERVER) + " " + arguments + " >" +
-                                    (outputs / "out").string() + " 2>" + (outputs / "err").string())
-                                       .c_str());
-    return {WEXITSTATUS(status), contents(outputs / "out"), contents(outputs / "err")};
+/// Runs the devserver program with `arguments` to its end.
+test::ProgramRun runToEnd(const std::string& arguments) {
+    return test::runProgram(std::string(PELKIT_DEVSERVER) + " " + arguments);
 }
 
 TEST(DevServerProgram, HelpExits0BadArgumentsExit2AndAnUnservableFolderExits1) {
@@ -157,7 +142,7 @@ void expectDemoServed(int port, const fs::path& demo) {
     const httplib::Headers key{{"appkey", "demo"}};
     const auto configuration = client.Get("/configuration", key);
     ASSERT_TRUE(configuration && configuration->status == 200);
-    EXPECT_EQ(configuration->body, contents(demo / "configuration.json"));
+    EXPECT_EQ(configuration->body, test::fileText(demo / "configuration.json"));
     const auto project = nlohmann::json::parse(configuration->body);
     std::set<std::string> types;
     for (const auto& target : project["targets"]) {

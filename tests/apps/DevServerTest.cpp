@@ -17,11 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string contents(const fs::path& path) {
-    auto bytes = readFile(path);
-    return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
-}
-
 std::string configuration(const std::string& lastUpdated) {
     return R"({"id": "p", "lastUpdated": ")" + lastUpdated + R"(", "targets": []})";
 }
@@ -85,7 +80,8 @@ protected:
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(into)) {
             names.push_back(entry.path().filename());
-            EXPECT_TRUE(contents(entry.path()) == contents(project / "targets" / names.back()))
+            EXPECT_TRUE(test::fileText(entry.path()) ==
+                        test::fileText(project / "targets" / names.back()))
                 << names.back();
         }
         std::ranges::sort(names);
@@ -189,7 +185,7 @@ TEST_F(DevServerTest, ArchiveIsHandedOutInEveryMode) {
                                            ? download->body
                                            : server->baseUrl() + "/archive/targets.zip"));
         if (file)
-            EXPECT_TRUE(download->body == contents(*file)) << "served byte for byte";
+            EXPECT_TRUE(download->body == test::fileText(*file)) << "served byte for byte";
         else
             EXPECT_EQ(unpacked(download->body), (std::vector<std::string>{"a.jpg", "b.png"}));
     }

@@ -14,11 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string contents(const fs::path& path) {
-    auto bytes = readFile(path);
-    return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
-}
-
 class ZipWriter : public ::testing::Test {
 protected:
     void SetUp() override { fs::create_directories(dir / "sources"); }
@@ -68,7 +63,8 @@ TEST_F(ZipWriter, EntriesUnpackToTheirSourcesStoredOrDeflatedAsAsked) {
         const auto into = dir / ("unpacked-" + std::to_string(static_cast<int>(compression)));
         ASSERT_TRUE(unzipFile(path, into).has_value());
         for (const auto& entry : entries)
-            EXPECT_TRUE(contents(into / entry.name) == contents(entry.source)) << entry.name;
+            EXPECT_TRUE(test::fileText(into / entry.name) == test::fileText(entry.source))
+                << entry.name;
     }
 
     ASSERT_TRUE(writeArchive(path, {}).has_value());
@@ -79,7 +75,7 @@ TEST_F(ZipWriter, EntriesUnpackToTheirSourcesStoredOrDeflatedAsAsked) {
 TEST_F(ZipWriter, RefusesBadNamesAndSourcesAndKeepsThePreviousArchive) {
     const auto good = source("good.jpg", "good");
     ASSERT_TRUE(writeArchive(path, std::vector<ArchiveEntry>{{good, "good.jpg"}}).has_value());
-    const auto before = contents(path);
+    const auto before = test::fileText(path);
     const auto missing = dir / "sources" / "missing.jpg";
     const auto folder = dir / "sources" / "folder";
     fs::create_directories(folder);
@@ -103,7 +99,7 @@ TEST_F(ZipWriter, RefusesBadNamesAndSourcesAndKeepsThePreviousArchive) {
         EXPECT_EQ(written.error()->domain() + " " + std::to_string(written.error()->code()) + " " +
                       written.error()->description(),
                   domain + " " + std::to_string(code) + " " + description);
-        EXPECT_EQ(contents(path), before) << "a refused write must leave the old archive";
+        EXPECT_EQ(test::fileText(path), before) << "a refused write must leave the old archive";
         EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 2)
             << "only sources/ and the archive; no temporary file after: " << description;
     }

@@ -105,16 +105,15 @@ TEST_F(SessionTest, NoMoreImagesAreTrackedThanTheMaximum) {
     for (int i = 0; i < 9; ++i) {
         auto file = writeGeneratedTarget(dir_.path(), i + 1);
         images.push_back(loadReference(file, 0.1));
-        const int x = 20 + (i % 3) * 420, y = 20 + (i / 3) * 315;
+        const std::string x = std::to_string(20 + (i % 3) * 420),
+                          y = std::to_string(20 + (i / 3) * 315),
+                          x2 = std::to_string(420 + (i % 3) * 420),
+                          y2 = std::to_string(320 + (i / 3) * 315);
+        const std::string corners = "[[" + x + "," + y + "],[" + x2 + "," + y + "],[" + x2 + "," +
+                                    y2 + "],[" + x + "," + y2 + "]]";
         targets += std::string(i ? "," : "") + R"({"image": ")" + file.string() +
-                   R"(", "keyframes": [{"time": 0, "corners": [[)" + std::to_string(x) + "," +
-                   std::to_string(y) + "],[" + std::to_string(x + 400) + "," + std::to_string(y) +
-                   "],[" + std::to_string(x + 400) + "," + std::to_string(y + 300) + "],[" +
-                   std::to_string(x) + "," + std::to_string(y + 300) +
-                   "]]}, {\"time\": 2, \"corners\": [[" + std::to_string(x) + "," +
-                   std::to_string(y) + "],[" + std::to_string(x + 400) + "," + std::to_string(y) +
-                   "],[" + std::to_string(x + 400) + "," + std::to_string(y + 300) + "],[" +
-                   std::to_string(x) + "," + std::to_string(y + 300) + "]]}]}";
+                   R"(", "keyframes": [{"time": 0, "corners": )" + corners +
+                   R"(}, {"time": 2, "corners": )" + corners + "}]}";
     }
     auto script = writeScript(R"({"resolution": [1280, 960], "frameRate": 10, "duration": 2,
         "targets": [)" + targets +

@@ -159,9 +159,7 @@ bool EventLog::waitForEvent(const std::string& what) {
 }
 
 std::filesystem::path SessionTest::writeScript(std::string json) {
-    const std::string targets = demoTargets().string();
-    for (auto at = json.find("TARGETS"); at != std::string::npos; at = json.find("TARGETS"))
-        json.replace(at, 7, targets);
+    json = replaced(json, "TARGETS", demoTargets().string());
     auto path = dir_ / "script.json";
     EXPECT_TRUE(writeFile(path, Bytes(json.begin(), json.end())));
     return path;

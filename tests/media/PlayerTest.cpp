@@ -4,15 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <optional>
-#include <stdexcept>
 
 namespace pelkit::test {
 namespace {
@@ -36,54 +28,13 @@ int counterIndex(const image::Image& frame) {
     return (colourAt(frame, kCentre).r + 5) / 10;
 }
 
-std::string readFixture(const std::string& name) {
-    auto bytes = readFile(fixturesDirectory() / "media" / name);
-    return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
-}
-
 /// Serves the media fixtures over HTTP on 127.0.0.1 (with byte ranges, so seeking works).
-class MediaServer {
-public:
+struct MediaServer : HttpTestServer {
     MediaServer() {
-        http.server.Get(R"(/media/([\w.-]+))",
-                        [](const httplib::Request& request, httplib::Response& response) {
-                            const std::string bytes = readFixture(request.matches[1]);
-                            if (bytes.empty())
-                                response.status = 404;
-                            else
-                                response.set_content(bytes, "video/mp4");
-                        });
-        http.start();
+        server.set_mount_point("/media", (fixturesDirectory() / "media").string());
+        start();
     }
-    std::string url(const std::string& name) const { return http.baseUrl() + "/media/" + name; }
-
-    HttpTestServer http;
-};
-
-/// An https server on 127.0.0.1 whose certificate no trust store holds.
-class UntrustedServer {
-public:
-    UntrustedServer() {
-        server.Get("/video.mp4", [](const httplib::Request&, httplib::Response& response) {
-            response.set_content(readFixture("counter.mp4"), "video/mp4");
-        });
-        port_ = server.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server.listen_after_bind(); });
-        while (!server.is_running())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ~UntrustedServer() {
-        server.stop();
-        thread_.join();
-    }
-    std::string url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/video.mp4"; }
-
-private:
-    static inline const std::string pem =
-        (fixturesDirectory() / "media" / "untrusted.pem").string();
-    httplib::SSLServer server{pem.c_str(), pem.c_str()};
-    int port_ = 0;
-    std::thread thread_;
+    std::string url(const std::string& name) const { return baseUrl() + "/media/" + name; }
 };
 
 class PlayerTest : public ::testing::Test {
@@ -235,21 +186,17 @@ struct FailureCase {
 
 class FailsReadably : public PlayerTest, public ::testing::WithParamInterface<FailureCase> {};
 
-std::string replaced(std::string text, const std::string& key, const std::string& value) {
-    if (auto at = text.find(key); at != std::string::npos)
-        text.replace(at, key.size(), value);
-    return text;
-}
-
 TEST_P(FailsReadably, LeavesThePlayerFailedAndWaiting) {
     const FailureCase& c = GetParam();
     TempDir dir;
     ASSERT_TRUE(writeFileAtomically(dir / "notes.mp4", "not a video, only words\n"));
     MediaServer server;
-    UntrustedServer untrusted;
+    // An https server whose certificate no trust store holds.
+    HttpTestServer untrusted(fixturesDirectory() / "media" / "untrusted.pem");
+    untrusted.start();
     std::string url = replaced(c.url, "{file}", (dir / "notes.mp4").string());
-    url =
-        replaced(replaced(url, "{server}", server.http.baseUrl()), "{untrusted}", untrusted.url());
+    url = replaced(replaced(url, "{server}", server.baseUrl()), "{untrusted}",
+                   untrusted.baseUrl() + "/video.mp4");
 
     player->play();
     load(url);
@@ -281,68 +228,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- going away while the network hangs ------------------------------------------------------
 
-/// A TCP listener on 127.0.0.1 that accepts one connection and never answers, and notices when
-/// the other side closes it.
-class SilentServer {
-public:
-    SilentServer() {
-        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listener_, 1) != 0 ||
-            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            throw std::runtime_error("SilentServer: cannot listen on 127.0.0.1");
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~SilentServer() {
-        stop_ = true;
-        thread_.join();
-        ::close(listener_);
-    }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/video.mp4"; }
-    bool accepted() const { return accepted_; }
-    bool closedByPeer() const { return closedByPeer_; }
-
-private:
-    // Polls in short steps so that the destructor is never kept waiting.
-    void serve() {
-        int connection = -1;
-        while (!stop_ && !closedByPeer_) {
-            pollfd watched{connection < 0 ? listener_ : connection, POLLIN, 0};
-            if (::poll(&watched, 1, 20) <= 0)
-                continue;
-            if (connection < 0) {
-                connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-                accepted_ = connection >= 0;
-                continue;
-            }
-            char buffer[1024];
-            if (::recv(connection, buffer, sizeof buffer, 0) <= 0)
-                closedByPeer_ = true;
-        }
-        if (connection >= 0)
-            ::close(connection);
-    }
-
-    int listener_ = -1;
-    int port_ = 0;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::atomic<bool> accepted_{false};
-    std::atomic<bool> closedByPeer_{false};
-};
-
 enum class LetGo { destroyPlayer, replaceItemWithNothing };
 
 class LetGoWhileOpening : public PlayerTest, public ::testing::WithParamInterface<LetGo> {};
 
 TEST_P(LetGoWhileOpening, ReturnsAtOnceAndTheItemHangsUp) {
-    SilentServer server;
-    player->replaceCurrentItem(PlayerItem::create(server.url()));
+    SilentPort server;
+    player->replaceCurrentItem(PlayerItem::create(server.url("/video.mp4")));
     player->play();
     ASSERT_TRUE(waitUntil([&] { return server.accepted(); }));
     EXPECT_EQ(player->status(), Status::unknown);

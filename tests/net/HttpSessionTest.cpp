@@ -7,11 +7,6 @@
 
 #include <future>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace pelkit::net {
 namespace {
 
@@ -23,30 +18,6 @@ std::string payload(std::size_t size) {
         bytes[i] = static_cast<char>((i * 31) % 251);
     return bytes;
 }
-
-/// A TCP socket on 127.0.0.1. Bound only, it refuses connections; listening, it lets clients
-/// connect but never answers.
-class RawSocket {
-public:
-    enum class Mode { Refuse, Listen };
-    explicit RawSocket(Mode mode) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-            (mode == Mode::Listen && ::listen(fd_, 8) != 0))
-            ADD_FAILURE() << "cannot set up a socket on 127.0.0.1";
-        port_ = ntohs(address.sin_port);
-    }
-    ~RawSocket() { ::close(fd_); }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
-
-private:
-    int fd_;
-    int port_ = 0;
-};
 
 HttpRequest requestFor(const std::string& url,
                        std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
@@ -86,10 +57,6 @@ std::vector<DataTaskResult> fetchAll(HttpSession& session, const std::vector<Fet
         results.push_back(future.get());
     }
     return results;
-}
-
-DataTaskResult fetch(HttpSession& session, HttpRequest request) {
-    return std::move(fetchAll(session, {{std::move(request)}}).front());
 }
 
 /// A download delegate that records every callback, then its own destruction; the record outlives
@@ -180,12 +147,6 @@ protected:
         other.server.Get("/back", [this](const auto&, httplib::Response& reply) {
             reply.set_redirect(server.baseUrl() + "/echo");
         });
-        addContentRoutes();
-        server.start();
-        other.start();
-    }
-
-    void addContentRoutes() {
         server.server.Get(R"(/status/(\d+))", [](const auto& request, httplib::Response& reply) {
             reply.status = std::stoi(request.matches[1]);
             reply.set_header("X-Pelkit-Status", request.matches[1]);
@@ -221,6 +182,8 @@ protected:
                     return sink.write(chunk.data(), chunk.size());
                 });
         });
+        server.start();
+        other.start();
     }
 
     std::shared_ptr<HttpSession> makeSession(HttpSessionConfiguration configuration = {}) {
@@ -295,7 +258,7 @@ TEST_F(HttpSessionTest, RequestGoesOutAsWrittenAndItsHeadersOnlyToItsOrigin) {
               true}}) {
         auto request = requestFor(server.baseUrl() + path);
         request.headers = headers;
-        auto result = fetch(HttpSession::shared(), request);
+        auto result = std::move(fetchAll(HttpSession::shared(), {{request}}).front());
         ASSERT_FALSE(result.error) << name << ": " << *result.error;
         ASSERT_EQ(result.response->statusCode, 200) << name << ": the redirect must be followed";
         auto last = requests().back();
@@ -328,8 +291,8 @@ TEST_F(HttpSessionTest, DataBodyStopsAtTheSessionLimit) {
 }
 
 TEST_F(HttpSessionTest, TransportFailuresBecomeCurlErrors) {
-    RawSocket refusing(RawSocket::Mode::Refuse);
-    RawSocket silent(RawSocket::Mode::Listen);
+    test::SilentPort refusing(test::SilentPort::Mode::refuse);
+    test::SilentPort silent;
     auto withBadHeader = requestFor(server.baseUrl() + "/echo");
     withBadHeader.headers = {{"appkey", "key\r\nX-Injected: yes"}};
 
@@ -426,7 +389,7 @@ TEST_F(HttpSessionTest, DownloadStreamsOrderedProgressThenFileThenCompletion) {
 // Ended by finishing or cancelling, a session owned by its delegate alone is destroyed from its
 // own callback thread when it lets the delegate go; destroyed outright, it calls back no more.
 TEST_F(HttpSessionTest, EndingASessionReportsAfterTasksEndThenReleasesDelegate) {
-    RawSocket silent(RawSocket::Mode::Listen);
+    test::SilentPort silent;
     enum class End { finish, cancel, destroy };
     for (End end : {End::finish, End::cancel, End::destroy}) {
         recording = std::make_shared<Recording>();

@@ -35,8 +35,6 @@ TEST(ChromaKeyMaterial, ConstructionBindsTheKeyAndBothParametersAndTheShader) {
         << "the shader text is kept whole, with no line feed after its last line";
 
     EXPECT_EQ(material->backgroundColor(), red);
-    EXPECT_EQ(material->thresholdSensitivity(), 0.25f);
-    EXPECT_EQ(material->smoothing(), 0.125f);
     // Everything else keeps the plain material's defaults.
     EXPECT_EQ(material->faces(), scene::Faces::front);
     EXPECT_TRUE(std::holds_alternative<std::monostate>(material->diffuseContents()));

@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <optional>
 
@@ -33,8 +32,7 @@ public:
         server.server.set_mount_point("/media", (fixturesDirectory() / "media").string());
         server.server.Get(R"(/held/(.+))", [this](const httplib::Request& request,
                                                   httplib::Response& response) {
-            std::unique_lock lock(mutex_);
-            releasedChanged_.wait(lock, [&] { return released_; });
+            held_.wait();
             auto bytes =
                 readRegularFile(fixturesDirectory() / "media" / request.matches[1].str(), 1 << 20);
             response.set_content(std::string(textOf(*bytes)), "application/octet-stream");
@@ -43,20 +41,14 @@ public:
         host_.emplace("PELKIT_HOST", server.baseUrl());
     }
     ~ContentServer() { release(); }
+    void release() { held_.open(); }
 
     std::optional<net::Url> url(const std::string& path) const {
         return net::Url::parse(server.baseUrl() + path);
     }
-    void release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        releasedChanged_.notify_all();
-    }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable releasedChanged_;
-    bool released_ = false;
+    Gate held_;
     TempDir files;
 
 public:

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <optional>
 #include <thread>
 
@@ -50,8 +49,7 @@ struct SeenRequest {
 class PELNodeTest : public ::testing::Test {
     // Declared before the server, so a request still arriving while the server stops finds them.
     mutable std::mutex mutex_;
-    std::condition_variable releasedChanged_;
-    bool released_ = false;
+    Gate held_;
     std::vector<SeenRequest> seen_;
 
 protected:
@@ -71,11 +69,7 @@ protected:
     }
     ~PELNodeTest() override { release(); }
 
-    void release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        releasedChanged_.notify_all();
-    }
+    void release() { held_.open(); }
     std::vector<SeenRequest> requests() const {
         std::lock_guard lock(mutex_);
         return seen_;
@@ -92,10 +86,8 @@ protected:
 
 private:
     void answer(const std::string& targetId, httplib::Response& response) {
-        if (targetId == "held") {
-            std::unique_lock lock(mutex_);
-            releasedChanged_.wait(lock, [&] { return released_; });
-        }
+        if (targetId == "held")
+            held_.wait();
         if (targetId == "ok" || targetId == "held")
             response.set_content("/files/a.png", "text/plain");
         else if (targetId == "missing")

@@ -29,11 +29,8 @@ const std::string kTrying =
     "failed to write the response data to file..trying to start download task..";
 const std::string kNotAUrl = "provided data was not a correct url";
 
-std::string text(const fs::path& path) {
-    return std::string(textOf(readFile(path).value_or(Bytes{})));
-}
 std::string fixture(const std::string& name) {
-    return text(fixturesDirectory() / name);
+    return fileText(fixturesDirectory() / name);
 }
 
 std::optional<std::string> header(const httplib::Headers& headers, const std::string& name) {
@@ -74,16 +71,10 @@ public:
     /// Waits until `count` statuses of `which` (by default: end statuses) arrived in all.
     bool waitFor(int count, std::optional<PELStatus::Case> which = std::nullopt) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(30), [&] {
-            return std::ranges::count_if(events_, [&](const Event& e) {
-                       return which ? e.status.which() == *which : isEnd(e.status);
-                   }) >= count;
-        });
+        return changed_.wait_for(lock, std::chrono::seconds(30),
+                                 [&] { return countOf(events_, which) >= count; });
     }
-    int ends() const {
-        return static_cast<int>(
-            std::ranges::count_if(events(), [](const Event& e) { return isEnd(e.status); }));
-    }
+    int ends() const { return countOf(events(), std::nullopt); }
     std::vector<Event> events() const {
         std::lock_guard lock(mutex_);
         return events_;
@@ -100,19 +91,15 @@ public:
     }
 
 private:
+    static int countOf(const std::vector<Event>& events, std::optional<PELStatus::Case> which) {
+        return static_cast<int>(std::ranges::count_if(events, [&](const Event& e) {
+            return which ? e.status.which() == *which : isEnd(e.status);
+        }));
+    }
     std::thread::id caller_ = std::this_thread::get_id();
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Event> events_;
-};
-
-/// One answer of the preparation endpoint and how the run must end after it.
-struct Answer {
-    int status; // 0: the transfer breaks off
-    std::string body;
-    bool blocked;    // a directory stands at "targets.zip"
-    std::string end; // the end status, or its beginning
-    Strings lines;
 };
 
 /// A fresh documents directory, captured diagnostic lines and a server that records requests.
@@ -172,7 +159,9 @@ protected:
     static fs::path projectDirectory() {
         return PELStorage(kAppKey).getConfigurationFilePath().parent_path();
     }
-    static std::string stored(const std::string& name) { return text(projectDirectory() / name); }
+    static std::string stored(const std::string& name) {
+        return fileText(projectDirectory() / name);
+    }
     static std::optional<std::string> remembered() {
         return UserDefaults::standard().string(PELSyncSupervisor::lastUpdatedKey(kAppKey));
     }
@@ -343,7 +332,13 @@ const std::string kServerError = "updateFailed(error: networkError(serverError))
 TEST_F(SyncSupervisorTest, PreparationAnswersEndTheRunAsFarAsTheyGo) {
     const Strings unstorable =
         notAUrl("open(" + (projectDirectory() / "targets.zip").string() + "): Is a directory (21)");
-    const Answer answers[] = {
+    const struct {
+        int status; // 0: the transfer breaks off
+        std::string body;
+        bool blocked;    // a directory stands at "targets.zip"
+        std::string end; // the end status, or its beginning
+        Strings lines;
+    } answers[] = {
         {500,
          "",
          false,
@@ -480,10 +475,8 @@ protected:
         });
     }
     void clearTheWay() { fs::remove_all(zipPath); }
-    /// Whether a progress status reports the whole archive.
-    bool isLastProgress(const PELStatus& status) const {
-        return isProgressOf(status, GetParam() ? 1.0f : -static_cast<float>(archive.size()));
-    }
+    /// What the last progress status reports: the fraction, or minus the bytes when unannounced.
+    float whole() const { return GetParam() ? 1.0f : -static_cast<float>(archive.size()); }
     static bool isProgressOf(const PELStatus& status, float whole) {
         return status.which() == PELStatus::Case::downloadProgress && status.percentage() == whole;
     }
@@ -511,7 +504,7 @@ TEST_P(DownloadTaskTest, DownloadedArchiveIsStoredWithProgressOnTheSessionQueue)
         EXPECT_GT(std::abs(e.status.percentage()), std::abs(last)) << "progress went backwards";
         last = e.status.percentage();
     }
-    EXPECT_TRUE(isLastProgress(events.end()[-3].status)) << events.end()[-3].status;
+    EXPECT_TRUE(isProgressOf(events.end()[-3].status, whole())) << events.end()[-3].status;
     EXPECT_EQ(stored("targets.zip"), archive);
     EXPECT_TRUE(readFile(documents / "old.zip") == bytesOf("old archive"));
     EXPECT_TRUE(fs::is_regular_file(projectDirectory() / "poster.jpg"));
@@ -562,8 +555,7 @@ TEST_P(DownloadTaskTest, StaleDownloadOfACancelledRunDoesNotRaceTheNextOne) {
     auto hold = std::make_shared<Hold>();
     std::shared_ptr<void> letGo(nullptr, [hold](void*) { hold->release(); }); // even on failure
     // Stale callbacks may still come while the fixture is torn down: nothing of it is used.
-    const float whole = GetParam() ? 1.0f : -static_cast<float>(archive.size());
-    delegate->onStatus = [whole, hold](const PELStatus& status) {
+    delegate->onStatus = [whole = whole(), hold](const PELStatus& status) {
         if (status.which() == PELStatus::Case::downloadStarted && ++hold->started == 4)
             hold->release();
         if (isProgressOf(status, whole) && !hold->held.exchange(true))

@@ -27,11 +27,6 @@ std::vector<std::shared_ptr<PELViewController>>& keptScreens() {
     return *screens;
 }
 
-void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
-}
-
 struct Stage {
     TempDir root;
     std::unique_ptr<devserver::DevServer> server;
@@ -133,10 +128,9 @@ void ViewControllerTest::serve(const nlohmann::json& configuration) {
 
 void ViewControllerTest::writeScript(std::string json) {
     const auto targets = (demoProject() / "targets").string();
-    replaceAll(json, "MANDEL", targets + "/mandelbrot.jpg");
-    replaceAll(json, "CELL", targets + "/cellauto.jpg");
-    replaceAll(json, "LIFE", targets + "/life.jpg");
-    std::ofstream(dir / "walk.json") << json;
+    json = replaced(json, "MANDEL", targets + "/mandelbrot.jpg");
+    json = replaced(json, "CELL", targets + "/cellauto.jpg");
+    std::ofstream(dir / "walk.json") << replaced(json, "LIFE", targets + "/life.jpg");
     auto feed = ar::FrameFeed::fromDescription("script:" + (dir / "walk.json").string());
     feed.clock = clock;
     ar::setDefaultFrameFeed(feed);
@@ -157,11 +151,7 @@ void ViewControllerTest::waitForTracking() {
         return controller->currentProject() &&
                controller->sceneView()->session().configuration().has_value();
     })) << "no project tracked: "
-        << testing::PrintToString(lines->lines()) << " project "
-        << controller->currentProject().has_value() << " requests "
-        << (server ? server->requests().size() : 0) << " loaded " << controller->isViewLoaded()
-        << " synching "
-        << (controller->syncSupervisor() && controller->syncSupervisor()->isSynching());
+        << testing::PrintToString(lines->lines());
     // The first frame is at time 0; the nudge keeps later steps clear of rounding.
     clock->advance(1e-6);
 }
@@ -207,6 +197,11 @@ void ViewControllerTest::tapOn(const std::shared_ptr<scene::Node>& node) {
 bool ViewControllerTest::pumpUntil(const std::function<bool()>& done,
                                    std::chrono::milliseconds limit) {
     return ui::Application::shared().runUntil(done, limit);
+}
+
+long ViewControllerTest::synchronisations() const {
+    auto all = server->requests();
+    return std::ranges::count(all, std::string("/configuration"), &devserver::LoggedRequest::path);
 }
 
 int ViewControllerTest::count(const std::string& line) const {

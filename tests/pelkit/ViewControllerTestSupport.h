@@ -65,6 +65,8 @@ protected:
     bool pumpUntil(const std::function<bool()>& done,
                    std::chrono::milliseconds limit = std::chrono::seconds(30));
     int count(const std::string& line) const;
+    /// The configuration requests the server has seen.
+    long synchronisations() const;
     /// Stops the screen's session and lets its pending content work finish.
     static void quiesce(PELViewController& screen);
 

@@ -70,10 +70,8 @@ image::Image drawKeyed(const std::shared_ptr<ChromaKeyMaterial>& material,
     if (!renderer)
         return {};
     material->setDiffuseContents(picture);
-    auto plane = scene::Plane::create(static_cast<float>(size.x), static_cast<float>(size.y));
-    plane->setMaterials({material});
-    auto node = scene::Node::create();
-    node->setGeometry(plane);
+    auto node = planeNode(size, picture);
+    node->geometry()->setMaterials({material});
     auto drawn = renderer->render(frameOf(solidImage(8, 8, backdrop), node, pixelCamera(size)));
     EXPECT_TRUE(drawn) << *drawn.error();
     return renderer->snapshot().value();
@@ -116,10 +114,7 @@ TEST(ChromaKeyRendering, KeyedPlaneBlendsEachColourAsTheKeyingRuleSays) {
 
         for (std::size_t i = 0; i < colors.size(); ++i) {
             const float opacity = chromaKeyOpacity(keyColorOf(colors[i]), c.threshold, c.smoothing);
-            Rgba expected{0, 0, 0, 255};
-            for (int k = 0; k < 3; ++k)
-                expected[k] = static_cast<int>(
-                    std::lround(colors[i][k] * opacity + backdrop[k] * (1 - opacity)));
+            const Rgba expected = mix(colors[i], backdrop, opacity);
             const int tolerance = opacity > 0 && opacity < 1 ? 1 : 0;
             // The patch's border pixels may mix in a neighbour; its inside may not.
             const int side = patch * c.scale;

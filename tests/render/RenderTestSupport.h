@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <memory>
 
 namespace pelkit::test {
@@ -46,6 +47,14 @@ inline std::shared_ptr<image::Image> quadrantImage(int width, int height,
 
 inline std::shared_ptr<image::Image> solidImage(int width, int height, Rgba c) {
     return quadrantImage(width, height, {c, c, c, c});
+}
+
+/// `over` blended over `under` at `alpha`, rounded as the framebuffer stores it.
+inline Rgba mix(Rgba over, Rgba under, float alpha) {
+    Rgba mixed{0, 0, 0, 255};
+    for (int c = 0; c < 3; ++c)
+        mixed[c] = static_cast<int>(std::lround(over[c] * alpha + under[c] * (1 - alpha)));
+    return mixed;
 }
 
 inline Rgba pixelAt(const image::Image& image, int x, int y) {

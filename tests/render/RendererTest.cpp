@@ -32,14 +32,6 @@ constexpr scene::Color colorOf(Rgba c, float alpha = 1) {
     return {c[0] / 255.0f, c[1] / 255.0f, c[2] / 255.0f, alpha};
 }
 
-// `over` blended over `under` at `alpha`, rounded as the framebuffer stores it.
-Rgba mix(Rgba over, Rgba under, float alpha) {
-    Rgba mixed{0, 0, 0, 255};
-    for (int c = 0; c < 3; ++c)
-        mixed[c] = static_cast<int>(std::lround(over[c] * alpha + under[c] * (1 - alpha)));
-    return mixed;
-}
-
 void expectNear(Rgba actual, Rgba expected, const std::string& what) {
     for (int c = 0; c < 4; ++c)
         EXPECT_NEAR(actual[c], expected[c], 1) << what << ": " << testing::PrintToString(actual);
@@ -105,6 +97,8 @@ private:
     mutable std::vector<std::thread> threads_; // asked from the rendering thread only
 };
 
+using Counters = render::RenderStatistics;
+
 class RendererTest : public ::testing::Test {
 protected:
     static constexpr glm::ivec2 viewSize{160, 120};
@@ -121,6 +115,12 @@ protected:
         return renderer->snapshot().value();
     }
     Rgba centreOf(const std::shared_ptr<scene::Node>& root) { return pixelAt(draw(root), 80, 60); }
+    // Draws `root` and reads one of the renderer's counters.
+    std::uint64_t countAfterDrawing(const std::shared_ptr<scene::Node>& root,
+                                    std::uint64_t Counters::*counter) {
+        draw(root);
+        return renderer->statistics().*counter;
+    }
 
     // `left` centred at view x 40, beside a blue 60-unit plane centred at x 120.
     static std::shared_ptr<scene::Node> besideBlue(std::shared_ptr<scene::Node> left) {
@@ -340,10 +340,7 @@ TEST_F(RendererTest, A2DSceneIsDrawnAgainOnlyWhenWhatItShowsChanges) {
     video->setPosition({48, 16});
     overlay->addChild(video);
     auto node = planeNode({64, 64}, overlay);
-    auto drawsAfter = [&] {
-        draw(node);
-        return renderer->statistics().sceneDraws;
-    };
+    auto drawsAfter = [&] { return countAfterDrawing(node, &Counters::sceneDraws); };
     const auto first = drawsAfter();
     EXPECT_EQ(drawsAfter(), first) << "nothing changed";
     sprite->setPosition({16, 48});
@@ -437,10 +434,7 @@ TEST_F(RendererTest, AModifierThatDoesNotCompileLeavesItsPlaneOutWithTheCompiler
 TEST_F(RendererTest, UnchangedImagesAreUploadedOnceAndVideoFramesReuseTextures) {
     auto image = solidImage(16, 16, red);
     auto node = planeNode({160, 120}, std::shared_ptr<const image::Image>(image));
-    auto uploadsAfterDrawing = [&] {
-        draw(node);
-        return renderer->statistics().textureUploads;
-    };
+    auto uploadsAfterDrawing = [&] { return countAfterDrawing(node, &Counters::textureUploads); };
     const auto first = uploadsAfterDrawing(); // the image and the background
     EXPECT_EQ(uploadsAfterDrawing(), first) << "the same image twice";
 
@@ -467,26 +461,19 @@ TEST_F(RendererTest, UnchangedImagesAreUploadedOnceAndVideoFramesReuseTextures) 
         << "frames of one size reuse their textures";
 }
 
+// Shown by a material, then by a video sprite.
 TEST_F(RendererTest, VideoSourcesAreAskedForFramesWithoutTheSceneLock) {
-    using Show = std::function<std::shared_ptr<scene::Node>(std::shared_ptr<LockTakingSource>)>;
-    const std::pair<const char*, Show> cases[] = {
-        {"a material's video",
-         [](auto source) {
-             return planeNode({160, 120}, source);
-         }},
-        {"a video sprite",
-         [](auto source) {
-             auto video = scene::VideoSprite::create(source, {160, 120});
-             video->setPosition({80, 60});
-             auto overlay = scene::Scene2D::create({160, 120});
-             overlay->addChild(video);
-             return planeNode({160, 120}, overlay);
-         }},
-    };
-    for (const auto& [name, show] : cases) {
+    for (const bool inSprite : {false, true}) {
         auto source = std::make_shared<LockTakingSource>(solidImage(8, 8, red));
-        EXPECT_EQ(centreOf(show(source)), red) << name;
-        EXPECT_EQ(source->blocked, 0) << name << ": the frame was asked for under the scene lock";
+        auto overlay = scene::Scene2D::create({160, 120});
+        auto video = scene::VideoSprite::create(source, {160, 120});
+        video->setPosition({80, 60});
+        overlay->addChild(video);
+        EXPECT_EQ(
+            centreOf(inSprite ? planeNode({160, 120}, overlay) : planeNode({160, 120}, source)),
+            red);
+        EXPECT_EQ(source->blocked, 0)
+            << "in a sprite: " << inSprite << ": the frame was asked for under the scene lock";
     }
 }
 

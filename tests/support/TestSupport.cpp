@@ -1,5 +1,14 @@
 #include "TestSupport.h"
 
+#include <pelkit/foundation/FileSystem.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
@@ -52,9 +61,15 @@ ScopedEnv::~ScopedEnv() {
         ::unsetenv(name_.c_str());
 }
 
-HttpTestServer::HttpTestServer() {
+HttpTestServer::HttpTestServer() : owned_(std::make_unique<httplib::Server>()), server(*owned_) {
     // One request per connection: a kept-alive connection would hold stop() for the server's
     // keep-alive time-out.
+    server.set_keep_alive_max_count(1);
+}
+
+HttpTestServer::HttpTestServer(const std::filesystem::path& pem)
+    : owned_(std::make_unique<httplib::SSLServer>(pem.c_str(), pem.c_str())), server(*owned_),
+      scheme_("https") {
     server.set_keep_alive_max_count(1);
 }
 
@@ -76,7 +91,83 @@ void HttpTestServer::start() {
 }
 
 std::string HttpTestServer::baseUrl() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
+    return scheme_ + "://127.0.0.1:" + std::to_string(port_);
+}
+
+SilentPort::SilentPort(Mode mode) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        (mode == Mode::silent && ::listen(listener_, 8) != 0))
+        throw std::runtime_error("SilentPort: cannot set up a socket on 127.0.0.1");
+    port_ = ntohs(address.sin_port);
+    if (mode == Mode::silent)
+        thread_ = std::thread([this] { serve(); });
+}
+
+SilentPort::~SilentPort() {
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    ::close(listener_);
+}
+
+std::string SilentPort::url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+// Polls in short steps so that the destructor is never kept waiting. Later connections wait in
+// the backlog, connected and unanswered as well.
+void SilentPort::serve() {
+    int connection = -1;
+    while (!stop_ && !closedByPeer_) {
+        pollfd watched{connection < 0 ? listener_ : connection, POLLIN, 0};
+        if (::poll(&watched, 1, 20) <= 0)
+            continue;
+        if (connection < 0) {
+            connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            accepted_ = connection >= 0;
+            continue;
+        }
+        char buffer[1024];
+        if (::recv(connection, buffer, sizeof buffer, 0) <= 0)
+            closedByPeer_ = true;
+    }
+    if (connection >= 0)
+        ::close(connection);
+}
+
+void Gate::wait() {
+    std::unique_lock lock(mutex_);
+    opened_.wait(lock, [&] { return open_; });
+}
+
+void Gate::open() {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+    opened_.notify_all();
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+std::string fileText(const std::filesystem::path& path) {
+    auto bytes = readFile(path);
+    return bytes ? std::string(textOf(*bytes)) : "<unreadable>";
+}
+
+ProgramRun runProgram(const std::string& commandLine) {
+    TempDir outputs;
+    const int status = std::system(
+        (commandLine + " >" + (outputs / "out").string() + " 2>" + (outputs / "err").string())
+            .c_str());
+    return {WEXITSTATUS(status), fileText(outputs / "out"), fileText(outputs / "err")};
 }
 
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

@@ -6,9 +6,12 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -60,17 +63,72 @@ private:
 class HttpTestServer {
 public:
     HttpTestServer();
+    /// Serves https with the certificate and key that `pem` holds.
+    explicit HttpTestServer(const std::filesystem::path& pem);
     ~HttpTestServer();
-    httplib::Server server;
+
+private:
+    std::unique_ptr<httplib::Server> owned_;
+
+public:
+    httplib::Server& server;
     void start();
     int port() const { return port_; }
-    /// "http://127.0.0.1:<port>"
+    /// "http://127.0.0.1:<port>", or https
     std::string baseUrl() const;
 
 private:
+    std::string scheme_ = "http";
     int port_ = 0;
     std::thread thread_;
 };
+
+/// A TCP port on 127.0.0.1 that never answers. Refusing, it is bound but not listening; silent,
+/// it accepts a connection, never answers, and notices when the other side closes it.
+class SilentPort {
+public:
+    enum class Mode { refuse, silent };
+    explicit SilentPort(Mode mode = Mode::silent);
+    ~SilentPort();
+    SilentPort(const SilentPort&) = delete;
+    SilentPort& operator=(const SilentPort&) = delete;
+    std::string url(const std::string& path = "/") const;
+    bool accepted() const { return accepted_; }
+    bool closedByPeer() const { return closedByPeer_; }
+
+private:
+    void serve();
+    int listener_ = -1;
+    int port_ = 0;
+    std::thread thread_;
+    std::atomic<bool> stop_{false}, accepted_{false}, closedByPeer_{false};
+};
+
+/// Holds callers of `wait()` until `open()` is called; open for good after that.
+class Gate {
+public:
+    void wait();
+    void open();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable opened_;
+    bool open_ = false;
+};
+
+/// `text` with every `from` replaced by `to`.
+std::string replaced(std::string text, const std::string& from, const std::string& to);
+
+/// The text of a file, or "<unreadable>".
+std::string fileText(const std::filesystem::path& path);
+
+/// How a program ended: its exit status, standard output and standard error.
+struct ProgramRun {
+    int status;
+    std::string out, err;
+};
+/// Runs `commandLine` through the shell until it ends.
+ProgramRun runProgram(const std::string& commandLine);
 
 /// Polls `done` until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& done,

@@ -1,7 +1,5 @@
 #include "UiTestSupport.h"
 
-#include <pelkit/ui/Button.h>
-#include <pelkit/ui/PhotoGallery.h>
 #include <pelkit/ui/PlayerViewController.h>
 
 namespace pelkit::test {
@@ -20,12 +18,10 @@ std::shared_ptr<ui::View> colouredView(ui::Rect frame, ui::Color color) {
     return view;
 }
 
-using Drawing = UiTest;
+using Drawing = ShownRootTest;
 
 TEST_F(Drawing, PresentedScreenSlidesUpOverItsPresenter) {
-    auto root = recorder("root");
     root->view()->setBackgroundColor({1, 0, 0, 1});
-    show(root);
     auto sheet = recorder("sheet");
     sheet->view()->setBackgroundColor({0, 1, 0, 1});
     root->present(sheet, Animated::yes);
@@ -40,8 +36,6 @@ TEST_F(Drawing, PresentedScreenSlidesUpOverItsPresenter) {
 }
 
 TEST_F(Drawing, ClippedSubviewsAndBorders) {
-    auto root = recorder("root");
-    show(root);
     auto outer = colouredView({{100, 100}, {50, 50}}, {0, 0, 1, 1});
     outer->setClipsToBounds(true);
     outer->addSubview(colouredView({{40, 40}, {100, 100}}, {0, 1, 0, 1}));
@@ -73,75 +67,34 @@ protected:
 };
 
 TEST_F(Drawing, ViewsDrawOverARendererFrame) {
-    auto root = recorder("root");
     auto scene = std::make_shared<RendererView>();
     root->view()->addSubview(scene);
     scene->setFrame(window->bounds());
     scene->addSubview(colouredView({{100, 100}, {50, 50}}, {0, 0, 1, 1}));
-    show(root);
     auto shot = picture();
     EXPECT_EQ(rgbAt(shot, 10, 10), kRed);
     EXPECT_EQ(rgbAt(shot, 120, 120), kBlue);
 }
 
-/// Gives the gallery its images and counts the taps that ask it to close.
-class GalleryHost final : public ui::PhotoGalleryDataSource, public ui::PhotoGalleryDelegate {
-public:
-    std::vector<std::shared_ptr<const image::Image>> images;
-    int closeRequests = 0;
-
-    int numberOfImagesInGallery(ui::PhotoGalleryViewController&) override {
-        return int(images.size());
-    }
-    std::shared_ptr<const image::Image> imageInGallery(ui::PhotoGalleryViewController&,
-                                                       int index) override {
-        return images.at(std::size_t(index));
-    }
-    void galleryDidTapToClose(ui::PhotoGalleryViewController&) override { ++closeRequests; }
-};
-
-/// 200 x 100: the left half red, the right half blue.
-std::shared_ptr<const image::Image> halvesImage() {
-    auto image = std::make_shared<image::Image>(image::Image::filled(200, 100, 0xff0000ffu));
-    for (int y = 0; y < 100; ++y)
-        for (int x = 100; x < 200; ++x) {
-            std::uint8_t* p = image->pixel(x, y);
-            p[0] = 0;
-            p[2] = 255;
-        }
-    return image;
-}
-
 // The gallery as the AR screen sets it up: black, no page control, a "Close" button at the
 // top right of the safe area.
-class GalleryTest : public UiTest {
+class GalleryTest : public ShownRootTest {
 protected:
     void SetUp() override {
-        UiTest::SetUp();
+        ShownRootTest::SetUp();
         host->images = {halvesImage()};
-        show(root);
         gallery->setBackgroundColor(ui::colors::black);
         gallery->setHidePageControl(true);
-        close->setTitle("Close");
-        auto view = gallery->view();
-        view->addSubview(close);
-        auto area = view->safeAreaLayoutGuide();
-        ui::LayoutConstraint::activate({
-            close->widthAnchor().constraint(50),
-            close->heightAnchor().constraint(25),
-            close->topAnchor().constraint(area.topAnchor(), 10),
-            close->trailingAnchor().constraint(area.trailingAnchor(), -16),
-        });
+        close = addCloseButton(*gallery->view());
         close->addAction([this](ui::View*) { ++closePresses; }, ui::ControlEvent::touchUpInside);
         root->present(gallery, Animated::yes);
         settle();
     }
 
-    std::shared_ptr<RecordingController> root = recorder("root");
     std::shared_ptr<GalleryHost> host = std::make_shared<GalleryHost>();
     std::shared_ptr<ui::PhotoGalleryViewController> gallery =
         std::make_shared<ui::PhotoGalleryViewController>(host, host);
-    std::shared_ptr<ui::Button> close = std::make_shared<ui::Button>();
+    std::shared_ptr<ui::Button> close;
     int closePresses = 0;
 };
 
@@ -224,19 +177,19 @@ protected:
         screen->setPlayer(player);
     }
 
-    void presentAndPlay(const std::string& url) {
+    void presentAndPlay(const std::string& url =
+                            "file://" + (fixturesDirectory() / "media" / "counter.mp4").string()) {
         player->replaceCurrentItem(media::PlayerItem::create(url));
         root->present(screen, Animated::yes, [this] { player->play(); });
         settle();
     }
 
-    std::shared_ptr<RecordingController> root = recorder("root");
     std::shared_ptr<media::Player> player = std::make_shared<media::Player>();
     std::shared_ptr<ui::PlayerViewController> screen = std::make_shared<ui::PlayerViewController>();
 };
 
 TEST_F(PlayerScreen, ShowsThePlayersPicturesLetterboxed) {
-    presentAndPlay("file://" + (fixturesDirectory() / "media" / "counter.mp4").string());
+    presentAndPlay();
     const auto uploads = window->textureUploads();
     ASSERT_TRUE(app().runUntil([&] { return window->textureUploads() > uploads + 3; },
                                std::chrono::seconds(10)))
@@ -249,8 +202,12 @@ TEST_F(PlayerScreen, ShowsThePlayersPicturesLetterboxed) {
         << "a frame of the counter clip: " << centre;
 }
 
-TEST_F(PlayerScreen, DonePausesAndDismisses) {
-    presentAndPlay("file://" + (fixturesDirectory() / "media" / "counter.mp4").string());
+TEST_F(PlayerScreen, TapsOnThePicturePauseAndPlayAndDonePausesAndDismisses) {
+    presentAndPlay();
+    EXPECT_EQ(player->rate(), 1);
+    window->tap({200, 120});
+    EXPECT_EQ(player->rate(), 0);
+    window->tap({200, 120});
     EXPECT_EQ(player->rate(), 1);
     const ui::Rect done = screen->closeButton()->frame();
     EXPECT_EQ(done, (ui::Rect{{16, 10}, {60, 30}}));
@@ -259,14 +216,6 @@ TEST_F(PlayerScreen, DonePausesAndDismisses) {
     EXPECT_EQ(player->rate(), 0);
     EXPECT_EQ(root->presentedViewController(), nullptr);
     EXPECT_NE(player->currentItem(), nullptr) << "the player keeps its item";
-}
-
-TEST_F(PlayerScreen, TapsOnThePicturePlayAndPause) {
-    presentAndPlay("file://" + (fixturesDirectory() / "media" / "counter.mp4").string());
-    window->tap({200, 120});
-    EXPECT_EQ(player->rate(), 0);
-    window->tap({200, 120});
-    EXPECT_EQ(player->rate(), 1);
 }
 
 TEST_F(PlayerScreen, AFailedItemShowsTheFailureText) {

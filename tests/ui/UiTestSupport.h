@@ -6,6 +6,8 @@
 
 #include <pelkit/foundation/Dispatch.h>
 #include <pelkit/ui/Application.h>
+#include <pelkit/ui/Button.h>
+#include <pelkit/ui/PhotoGallery.h>
 #include <pelkit/ui/Window.h>
 
 #include <gtest/gtest.h>
@@ -97,7 +99,58 @@ protected:
     double clock = 1000;
     std::shared_ptr<Journal> journal = std::make_shared<Journal>();
     std::shared_ptr<ui::Window> window;
+    std::shared_ptr<RecordingController> root = recorder("root");
 };
+
+/// The tests' root controller, shown in the window.
+class ShownRootTest : public UiTest {
+protected:
+    void SetUp() override {
+        UiTest::SetUp();
+        show(root);
+    }
+};
+
+/// Gives a gallery its images and counts the taps that ask it to close.
+class GalleryHost final : public ui::PhotoGalleryDataSource, public ui::PhotoGalleryDelegate {
+public:
+    std::vector<std::shared_ptr<const image::Image>> images;
+    int closeRequests = 0;
+
+    int numberOfImagesInGallery(ui::PhotoGalleryViewController&) override {
+        return int(images.size());
+    }
+    std::shared_ptr<const image::Image> imageInGallery(ui::PhotoGalleryViewController&,
+                                                       int index) override {
+        return images.at(std::size_t(index));
+    }
+    void galleryDidTapToClose(ui::PhotoGalleryViewController&) override { ++closeRequests; }
+};
+
+/// 200 x 100: the left half red, the right half blue.
+inline std::shared_ptr<const image::Image> halvesImage() {
+    auto image = std::make_shared<image::Image>(image::Image::filled(200, 100, 0xff0000ffu));
+    for (int y = 0; y < 100; ++y)
+        for (int x = 100; x < 200; ++x)
+            image->pixel(x, y)[0] = 0, image->pixel(x, y)[2] = 255;
+    return image;
+}
+
+/// A "Close" button of 50 x 25 added 10 points below the top and 16 left of the right edge of
+/// `view`'s safe area, where the AR screen puts the gallery's.
+inline std::shared_ptr<ui::Button> addCloseButton(ui::View& view) {
+    auto button = std::make_shared<ui::Button>();
+    button->setTitle("Close");
+    view.addSubview(button);
+    auto area = view.safeAreaLayoutGuide();
+    ui::LayoutConstraint::activate({
+        button->widthAnchor().constraint(50),
+        button->heightAnchor().constraint(25),
+        button->topAnchor().constraint(area.topAnchor(), 10),
+        button->trailingAnchor().constraint(area.trailingAnchor(), -16),
+    });
+    return button;
+}
 
 struct Rgb {
     int r = 0, g = 0, b = 0;

@@ -1,7 +1,5 @@
 #include "UiTestSupport.h"
 
-#include <pelkit/ui/Button.h>
-
 #include <atomic>
 #include <thread>
 
@@ -11,20 +9,9 @@ namespace {
 using ui::Animated;
 using ui::ViewController;
 
-using Presentation = UiTest;
-
-TEST_F(Presentation, RootAppearsOnceTheWindowIsShown) {
-    window->setRootViewController(recorder("root"));
-    EXPECT_EQ(*journal, Journal({"root.load"})) << "the view loads when the window takes it";
-    window->makeKeyAndVisible();
-    app().pump();
-    EXPECT_EQ(*journal, Journal({"root.load", "root.willAppear", "root.didAppear"}));
-    EXPECT_TRUE(window->rootViewController()->isAppeared());
-}
+using Presentation = ShownRootTest;
 
 TEST_F(Presentation, AnimatedPresentAndDismissCallTheLifecycleAfterTheCallAndTheAnimation) {
-    auto root = recorder("root");
-    show(root);
     auto sheet = recorder("sheet");
 
     root->present(sheet, Animated::yes, [this] { journal->push_back("presented"); });
@@ -56,19 +43,7 @@ TEST_F(Presentation, AnimatedPresentAndDismissCallTheLifecycleAfterTheCallAndThe
     EXPECT_EQ(sheet->presentingViewController(), nullptr);
 }
 
-TEST_F(Presentation, WithoutAnimationTheCompletionComesOnTheNextTurn) {
-    auto root = recorder("root");
-    show(root);
-    bool done = false;
-    root->present(recorder("sheet"), Animated::no, [&] { done = true; });
-    EXPECT_FALSE(done);
-    app().pump();
-    EXPECT_TRUE(done);
-}
-
 TEST_F(Presentation, OverFullScreenLeavesThePresenterAlone) {
-    auto root = recorder("root");
-    show(root);
     auto overlay = recorder("overlay");
     overlay->setModalPresentationStyle(ui::ModalPresentationStyle::overFullScreen);
     root->present(overlay, Animated::yes);
@@ -80,12 +55,13 @@ TEST_F(Presentation, OverFullScreenLeavesThePresenterAlone) {
 }
 
 TEST_F(Presentation, DismissingTheRootOfAChainUnlinksEveryControllerAboveIt) {
-    auto root = recorder("root");
-    show(root);
     auto middle = recorder("middle");
     auto top = recorder("top");
-    root->present(middle, Animated::no);
-    settle();
+    bool presented = false;
+    root->present(middle, Animated::no, [&] { presented = true; });
+    EXPECT_FALSE(presented);
+    app().pump();
+    EXPECT_TRUE(presented) << "without animation the completion comes on the next turn";
     middle->present(top, Animated::no);
     settle();
     journal->clear();
@@ -106,8 +82,6 @@ TEST_F(Presentation, RefusedPresentationsSayWhyAndChangeNothing) {
         "present: the presenting view controller's view is not in a window";
     const std::string busy =
         "present: the view controller is presented already, or its presenter presents another";
-    auto root = recorder("root");
-    show(root);
     auto shown = recorder("shown");
     root->present(shown, Animated::no);
     settle();
@@ -140,7 +114,7 @@ TEST_F(Presentation, RefusedPresentationsSayWhyAndChangeNothing) {
 }
 
 // The visible-controller walk through containers and presentations.
-TEST_F(Presentation, VisibleViewControllerFollowsContainersAndPresentations) {
+TEST_F(UiTest, VisibleViewControllerFollowsContainersAndPresentations) {
     auto a = recorder("a");
     auto b = recorder("b");
     auto emptyNavigation = std::make_shared<ui::NavigationController>();
@@ -183,43 +157,34 @@ TEST_F(Presentation, VisibleViewControllerFollowsContainersAndPresentations) {
     EXPECT_EQ(navigation->visibleViewController(), sheetNavigation->topViewController());
 }
 
-TEST_F(Presentation, ContainersForwardAppearanceToTheShownChild) {
+TEST_F(UiTest, RootAppearsOnceTheWindowIsShownAndContainersForwardToTheShownChild) {
     auto first = recorder("first");
     auto second = recorder("second");
     auto tabs = std::make_shared<ui::TabBarController>();
     tabs->setViewControllers({first, second});
     window->setRootViewController(tabs);
+    EXPECT_EQ(*journal, Journal({"first.load"})) << "the view loads when the window takes it";
     window->makeKeyAndVisible();
     app().pump();
     EXPECT_EQ(*journal, Journal({"first.load", "first.willAppear", "first.didAppear"}));
+    EXPECT_TRUE(tabs->isAppeared());
     journal->clear();
     tabs->setSelectedIndex(1);
     EXPECT_EQ(*journal, Journal({"first.willDisappear", "second.load", "second.willAppear",
                                  "first.didDisappear", "second.didAppear"}));
 }
 
-using Touches = UiTest;
+using Touches = ShownRootTest;
 
 // A button at the close button's place: taps reach the button's target, or the controller.
 TEST_F(Touches, ButtonTargetsAndControllerTouches) {
-    auto root = recorder("root");
-    show(root);
     struct Target {
         int presses = 0;
         void pressed(ui::View*) { ++presses; }
     };
     auto target = std::make_shared<Target>();
-    auto button = std::make_shared<ui::Button>();
-    button->setTitle("Close");
     auto view = root->view();
-    view->addSubview(button);
-    auto area = view->safeAreaLayoutGuide();
-    ui::LayoutConstraint::activate({
-        button->widthAnchor().constraint(50),
-        button->heightAnchor().constraint(25),
-        button->topAnchor().constraint(area.topAnchor(), 10),
-        button->trailingAnchor().constraint(area.trailingAnchor(), -16),
-    });
+    auto button = addCloseButton(*view);
     button->addTarget(target, &Target::pressed, ui::ControlEvent::touchUpInside);
     app().pump();
     EXPECT_EQ(button->frame(), (ui::Rect{{254, 10}, {50, 25}}));
@@ -258,8 +223,6 @@ TEST_F(Touches, ButtonTargetsAndControllerTouches) {
 }
 
 TEST_F(Touches, LocationsAreInTheAskingViewsCoordinates) {
-    auto root = recorder("root");
-    show(root);
     auto inner = std::make_shared<ui::View>(ui::Rect{{100, 50}, {100, 100}});
     auto deeper = std::make_shared<ui::View>(ui::Rect{{10, 20}, {30, 30}});
     inner->addSubview(deeper);
@@ -276,8 +239,6 @@ TEST_F(Touches, LocationsAreInTheAskingViewsCoordinates) {
 }
 
 TEST_F(Touches, TouchesGoToTheTopScreenAndNotDuringAnimations) {
-    auto root = recorder("root");
-    show(root);
     auto sheet = recorder("sheet");
     root->present(sheet, Animated::yes);
     app().pump();

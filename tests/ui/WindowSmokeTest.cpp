@@ -3,8 +3,6 @@
 #include "UiTestSupport.h"
 
 #include <pelkit/foundation/FileSystem.h>
-#include <pelkit/ui/Button.h>
-#include <pelkit/ui/PhotoGallery.h>
 
 #include <bit>
 #include <cstdlib>
@@ -47,17 +45,6 @@ std::optional<image::Image> readXvfbScreen(const std::filesystem::path& file) {
     return screen;
 }
 
-class OneImage final : public ui::PhotoGalleryDataSource, public ui::PhotoGalleryDelegate {
-public:
-    std::shared_ptr<const image::Image> image;
-    int numberOfImagesInGallery(ui::PhotoGalleryViewController&) override { return 1; }
-    std::shared_ptr<const image::Image> imageInGallery(ui::PhotoGalleryViewController&,
-                                                       int) override {
-        return image;
-    }
-    void galleryDidTapToClose(ui::PhotoGalleryViewController&) override {}
-};
-
 TEST(RealWindow, ShowsTheGalleryWithItsCloseButtonOnTheXScreen) {
     const char* display = std::getenv("DISPLAY");
     const char* fbdir = std::getenv("PELKIT_XVFB_FBDIR");
@@ -75,25 +62,12 @@ TEST(RealWindow, ShowsTheGalleryWithItsCloseButtonOnTheXScreen) {
     window->makeKeyAndVisible();
 
     // 200 x 100, left half red, right half blue: fitted to 480 x 240 from row 60.
-    auto picture = std::make_shared<image::Image>(image::Image::filled(200, 100, 0xff0000ffu));
-    for (int y = 0; y < 100; ++y)
-        for (int x = 100; x < 200; ++x)
-            picture->pixel(x, y)[0] = 0, picture->pixel(x, y)[2] = 255;
-    auto source = std::make_shared<OneImage>();
-    source->image = picture;
+    auto source = std::make_shared<GalleryHost>();
+    source->images = {halvesImage()};
     auto gallery = std::make_shared<ui::PhotoGalleryViewController>(source, source);
     gallery->setBackgroundColor(ui::colors::black);
     gallery->setHidePageControl(true);
-    auto close = std::make_shared<ui::Button>();
-    close->setTitle("Close");
-    gallery->view()->addSubview(close);
-    auto area = gallery->view()->safeAreaLayoutGuide();
-    ui::LayoutConstraint::activate({
-        close->widthAnchor().constraint(50),
-        close->heightAnchor().constraint(25),
-        close->topAnchor().constraint(area.topAnchor(), 10),
-        close->trailingAnchor().constraint(area.trailingAnchor(), -16),
-    });
+    auto close = addCloseButton(*gallery->view());
     bool presented = false;
     root->present(gallery, ui::Animated::yes, [&] { presented = true; });
     ASSERT_TRUE(app.runUntil([&] { return presented; }, std::chrono::seconds(10)));

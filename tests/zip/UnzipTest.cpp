@@ -9,7 +9,6 @@
 
 #include <fstream>
 #include <set>
-#include <sstream>
 
 namespace pelkit::zip {
 namespace {
@@ -22,13 +21,6 @@ std::string bigText(int lines) {
     for (int n = 0; n < lines; ++n)
         text += "line " + std::to_string(n % 997) + "\n";
     return text;
-}
-
-std::string contents(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 void writeText(const fs::path& path, const std::string& text) {
@@ -70,7 +62,7 @@ TEST_F(Unzip, NormalArchiveIsUnpackedWithSubdirectories) {
     };
     for (const auto& [path, text] : expected) {
         EXPECT_TRUE(fs::is_regular_file(destination() / path)) << path << " is not a file";
-        EXPECT_EQ(contents(destination() / path), text) << path << " has other contents";
+        EXPECT_EQ(test::fileText(destination() / path), text) << path << " has other contents";
     }
 }
 
@@ -81,8 +73,8 @@ TEST_F(Unzip, UnreadableArchivesAreSkippedAndChecksumsIgnored) {
         EXPECT_TRUE(fs::is_empty(destination())) << name << " extracted something";
     }
     ASSERT_TRUE(unpack("crc_mismatch.zip").has_value());
-    EXPECT_EQ(contents(destination() / "stored.txt"), "stored with a wrong checksum\n");
-    EXPECT_EQ(contents(destination() / "big.txt"), bigText(40000));
+    EXPECT_EQ(test::fileText(destination() / "stored.txt"), "stored with a wrong checksum\n");
+    EXPECT_EQ(test::fileText(destination() / "big.txt"), bigText(40000));
 }
 
 // Each archive holds "before.txt", a bad entry, then "after.txt". A "broken.bin" from the last
@@ -120,8 +112,8 @@ TEST_F(Unzip, BadEntryEndsUnpackingKeepingEarlierEntriesAndTheLastGoodFiles) {
         EXPECT_EQ(result.error()->domain(), "zip");
         EXPECT_EQ(result.error()->code(), bad.code);
         EXPECT_EQ(result.error()->description(), bad.description);
-        EXPECT_EQ(contents(destination() / "before.txt"), "extracted before the bad entry\n");
-        EXPECT_EQ(contents(destination() / "broken.bin"), "last good");
+        EXPECT_EQ(test::fileText(destination() / "before.txt"), "extracted before the bad entry\n");
+        EXPECT_EQ(test::fileText(destination() / "broken.bin"), "last good");
         EXPECT_EQ(namesIn(destination()), (std::set<std::string>{"before.txt", "broken.bin"}))
             << "the bad entry, a temporary file or a later entry was left";
         if (!bad.outside.empty()) {
@@ -139,13 +131,13 @@ TEST_F(Unzip, WhateverExistsAtAnEntryPathIsReplaced) {
 
     ASSERT_TRUE(unpack("normal.zip").has_value());
 
-    EXPECT_EQ(contents(destination() / "configuration.json"), "{\"name\": \"fixture\"}\n");
-    EXPECT_EQ(contents(destination() / "empty.txt"), "");
+    EXPECT_EQ(test::fileText(destination() / "configuration.json"), "{\"name\": \"fixture\"}\n");
+    EXPECT_EQ(test::fileText(destination() / "empty.txt"), "");
     EXPECT_FALSE(fs::exists(destination() / "images/stale.jpg"))
         << "a directory entry removes the directory that was there";
     EXPECT_FALSE(fs::is_symlink(destination() / "big.txt"));
-    EXPECT_EQ(contents(destination() / "big.txt"), bigText(40000));
-    EXPECT_EQ(contents(dir.path() / "outside.txt"), "must survive")
+    EXPECT_EQ(test::fileText(destination() / "big.txt"), bigText(40000));
+    EXPECT_EQ(test::fileText(dir.path() / "outside.txt"), "must survive")
         << "extraction wrote through a link on disk";
 }
 
