@@ -17,6 +17,8 @@
 #include <pelkit/ar/ImageTracker.h>
 
 #include <opencv2/core/utility.hpp>
+#include <opencv2/calib3d.hpp>
+#include <opencv2/features2d.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -89,20 +91,64 @@ ReferenceImagePtr referenceOf(const cv::Mat& picture) {
                                   ImageOrientation::up, 0.2);
 }
 
+// Plain ORB features of a picture, the same whatever the recogniser under test does, so that the
+// pool of pictures does not change with it.
+struct Features {
+    std::vector<cv::KeyPoint> keypoints;
+    cv::Mat descriptors;
+};
+
+Features plainFeatures(const cv::Mat& grey) {
+    Features out;
+    std::vector<cv::KeyPoint> keypoints;
+    cv::Mat descriptors;
+    cv::ORB::create(500, 1.2f, 12)->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
+    // Strongest first.
+    std::vector<int> order(keypoints.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+        return keypoints[a].response > keypoints[b].response;
+    });
+    for (int i : order) {
+        out.keypoints.push_back(keypoints[i]);
+        out.descriptors.push_back(descriptors.row(i));
+    }
+    return out;
+}
+
 // Wallpaper packages ship one picture in several sizes and crops, and sample data repeats
 // pictures too: a frame showing one of them would then count a right find as a wrong one. Drops
-// every picture in which the recogniser finds an earlier one, or that it finds in an earlier one.
-std::vector<bool> copies(const std::vector<cv::Mat>& pictures) {
-    std::vector<ReferenceImagePtr> references;
-    for (const auto& picture : pictures)
-        references.push_back(referenceOf(picture));
-    detail::Recognizer recognizer(references);
-    std::vector<bool> copy(pictures.size(), false);
-    for (std::size_t i = 0; i < pictures.size(); ++i) {
-        cv::Mat grey;
-        cv::cvtColor(pictures[i], grey, cv::COLOR_BGR2GRAY);
-        for (const auto& found : recognizer.detect(grey, {int(i)}, 3))
-            copy[std::max<std::size_t>(i, found.target)] = true;
+// every picture that shares a homography's worth of close features with an earlier one.
+std::vector<bool> copies(const std::vector<Features>& features) {
+    // The strongest features of each picture are enough to tell a copy, and keep this quick.
+    auto strongest = [&](std::size_t i, int count) {
+        const cv::Mat& d = features[i].descriptors;
+        return d.rowRange(0, std::min(count, d.rows));
+    };
+    cv::BFMatcher matcher(cv::NORM_HAMMING);
+    std::vector<bool> copy(features.size(), false);
+    for (std::size_t i = 0; i < features.size(); ++i) {
+        std::vector<std::vector<cv::DMatch>> matches;
+        if (i > 0)
+            matcher.knnMatch(strongest(i, 150), matches, 4);
+        matcher.add(strongest(i, 300));
+        std::map<int, std::pair<std::vector<cv::Point2f>, std::vector<cv::Point2f>>> shared;
+        for (const auto& candidates : matches)
+            for (const auto& m : candidates)
+                if (m.distance < 50) {
+                    shared[m.imgIdx].first.push_back(features[i].keypoints[m.queryIdx].pt);
+                    shared[m.imgIdx].second.push_back(features[m.imgIdx].keypoints[m.trainIdx].pt);
+                }
+        for (const auto& [other, points] : shared) {
+            if (points.first.size() < 15)
+                continue;
+            std::vector<std::uint8_t> inliers;
+            cv::Mat h = cv::findHomography(points.first, points.second, cv::RANSAC, 6.0, inliers);
+            if (!h.empty() && cv::countNonZero(inliers) >= 15) {
+                copy[i] = true;
+                break;
+            }
+        }
     }
     return copy;
 }
@@ -111,6 +157,7 @@ Pool loadPool(int distractorsWanted) {
     Pool pool;
     std::vector<cv::Mat> pictures, photos, drawings;
     std::vector<bool> photographic;
+    std::vector<Features> features;
     std::set<std::string> series;
     for (const auto& file : photoFiles()) {
         if (!series.insert(seriesOf(file)).second)
@@ -125,10 +172,8 @@ Pool loadPool(int distractorsWanted) {
             cv::resize(picture, picture, cv::Size(), scale, scale, cv::INTER_AREA);
         cv::Mat grey;
         cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
-        std::vector<cv::KeyPoint> keypoints;
-        cv::Mat descriptors;
-        detail::orbFeatures(grey, 500, 12, 20, keypoints, descriptors);
-        if (keypoints.size() < 300)
+        auto found = plainFeatures(grey);
+        if (found.keypoints.size() < 300)
             continue; // too plain to be a target
         // Screenshots and diagrams are mostly flat; they serve as distractors, photographs as
         // targets.
@@ -139,9 +184,10 @@ Pool loadPool(int distractorsWanted) {
         cv::Mat variance = sq8 - mean8.mul(mean8);
         double flatShare = cv::countNonZero(variance < 9) / double(variance.total());
         pictures.push_back(picture);
+        features.push_back(std::move(found));
         photographic.push_back(flatShare < 0.2);
     }
-    auto copy = copies(pictures);
+    auto copy = copies(features);
     for (std::size_t i = 0; i < pictures.size(); ++i)
         if (!copy[i])
             (photographic[i] ? photos : drawings).push_back(pictures[i]);
