@@ -208,39 +208,37 @@ struct Recognizer::Lookup {
 };
 
 void Recognizer::lookUp(Lookup& lookup) const {
+    // The index is far bigger than the caches, and a lookup is three dependent reads at random
+    // places (bucket offsets, entries, descriptors). Descriptors go in batches, each step asking
+    // for what the next needs for the whole batch first, so the reads overlap instead of queueing.
+    constexpr int kBatch = 16;
     thread_local std::vector<std::uint32_t> visited;
     thread_local std::uint32_t generation = 0;
     if (visited.size() < index_->descriptors.size()) {
         visited.assign(index_->descriptors.size(), 0);
         generation = 0;
     }
-    lookup.first.reserve(lookup.descriptors.rows + 1);
-    for (int i = 0; i < lookup.descriptors.rows; ++i) {
+    const int tables = index_->tables;
+    std::array<Descriptor, kBatch> batch;
+    std::array<std::array<std::uint32_t, kMaximumTables>, kBatch> keys;
+    std::array<std::uint32_t, kBatch + 1> idsFrom;
+    std::vector<std::uint32_t> ids;
+    // The hits of one descriptor among the ids that share a bucket with it, and its vote.
+    auto vote = [&](const Descriptor& d, std::uint32_t idsBegin, std::uint32_t idsEnd) {
         auto from = std::uint32_t(lookup.hits.size());
         lookup.first.push_back(from);
-        if (++generation == 0) {
-            std::fill(visited.begin(), visited.end(), 0);
-            generation = 1;
-        }
-        Descriptor d = descriptorAt(lookup.descriptors, i);
         Hit best{0, kMaximumDistance + 1};
-        for (int t = 0; t < index_->tables; ++t) {
-            auto k = index_->key(t, d);
-            for (auto e = index_->offsets[t][k]; e < index_->offsets[t][k + 1]; ++e) {
-                auto id = index_->entries[t][e];
-                if (visited[id] == generation)
-                    continue;
-                visited[id] = generation;
-                int dist = distance(d, index_->descriptors[id]);
-                if (dist > kMaximumDistance)
-                    continue;
-                lookup.hits.push_back({id, dist});
-                if (dist < best.distance)
-                    best = {id, dist};
-            }
+        for (auto i = idsBegin; i < idsEnd; ++i) {
+            auto id = ids[i];
+            int dist = distance(d, index_->descriptors[id]);
+            if (dist > kMaximumDistance)
+                continue;
+            lookup.hits.push_back({id, dist});
+            if (dist < best.distance)
+                best = {id, dist};
         }
         if (best.distance > kMaximumDistance)
-            continue;
+            return;
         // Only a feature clearly nearer one target than any other says which target is there:
         // grass, text and sky resemble many, and would make every picture full of them win.
         auto owner = index_->owner[best.id];
@@ -250,6 +248,42 @@ void Recognizer::lookUp(Lookup& lookup) const {
                 other = std::min(other, lookup.hits[h].distance);
         if (best.distance < settings_.ratio * other)
             lookup.votes[owner] += 1;
+    };
+    lookup.first.reserve(lookup.descriptors.rows + 1);
+    for (int from = 0; from < lookup.descriptors.rows; from += kBatch) {
+        int count = std::min(kBatch, lookup.descriptors.rows - from);
+        for (int b = 0; b < count; ++b) {
+            batch[b] = descriptorAt(lookup.descriptors, from + b);
+            for (int t = 0; t < tables; ++t) {
+                keys[b][t] = index_->key(t, batch[b]);
+                __builtin_prefetch(&index_->offsets[t][keys[b][t]]);
+            }
+        }
+        for (int b = 0; b < count; ++b)
+            for (int t = 0; t < tables; ++t)
+                __builtin_prefetch(&index_->entries[t][index_->offsets[t][keys[b][t]]]);
+        ids.clear();
+        for (int b = 0; b < count; ++b) {
+            idsFrom[b] = std::uint32_t(ids.size());
+            if (++generation == 0) {
+                std::fill(visited.begin(), visited.end(), 0);
+                generation = 1;
+            }
+            for (int t = 0; t < tables; ++t) {
+                auto k = keys[b][t];
+                for (auto e = index_->offsets[t][k]; e < index_->offsets[t][k + 1]; ++e) {
+                    auto id = index_->entries[t][e];
+                    if (visited[id] == generation)
+                        continue;
+                    visited[id] = generation;
+                    ids.push_back(id);
+                    __builtin_prefetch(&index_->descriptors[id]);
+                }
+            }
+        }
+        idsFrom[count] = std::uint32_t(ids.size());
+        for (int b = 0; b < count; ++b)
+            vote(batch[b], idsFrom[b], idsFrom[b + 1]);
     }
     lookup.first.push_back(std::uint32_t(lookup.hits.size()));
 }
