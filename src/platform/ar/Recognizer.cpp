@@ -393,22 +393,37 @@ cv::Mat Recognizer::picture(int target) const {
 
 namespace {
 
-// One pass of refinement: the frame warped into the reference's pixels at about the scale it is
-// seen at, corners of the reference followed into it with Lucas-Kanade, homography refitted.
-bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, int minimum,
-               double& correlation) {
-    auto corners = frameCorners(alignment.homography, full.size());
+// The reference at about the scale it is seen at in the frame, and the corners to follow in it.
+struct ScaledReference {
+    cv::Mat picture;
+    cv::Matx33d toReference; // working pixels -> the scaled picture's
+    std::vector<cv::Point2f> points;
+};
+
+ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homography) {
+    auto corners = frameCorners(homography, full.size());
     double seen = std::sqrt(std::abs(quadArea(corners)) / double(full.total()));
     double r = std::min(1.0, seen * 1.5);
-    cv::Mat reference = full;
+    ScaledReference out;
+    out.picture = full;
     if (r < 0.9)
-        cv::resize(full, reference,
+        cv::resize(full, out.picture,
                    cv::Size(std::max(32, int(std::lround(full.cols * r))),
                             std::max(32, int(std::lround(full.rows * r)))),
                    0, 0, cv::INTER_AREA);
-    double rx = double(reference.cols) / full.cols, ry = double(reference.rows) / full.rows;
-    cv::Matx33d toReference(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1);
-    cv::Matx33d toFrame = alignment.homography * toReference.inv();
+    double rx = double(out.picture.cols) / full.cols, ry = double(out.picture.rows) / full.rows;
+    out.toReference = cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1);
+    int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
+    cv::goodFeaturesToTrack(out.picture, out.points, 160, 0.01, spacing);
+    return out;
+}
+
+// One pass of refinement: the frame warped into the scaled reference's pixels, its corners
+// followed into it with Lucas-Kanade, homography refitted.
+bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& alignment,
+               int minimum, double& correlation) {
+    const cv::Mat& reference = scaled.picture;
+    cv::Matx33d toFrame = alignment.homography * scaled.toReference.inv();
     cv::Mat warped;
     cv::warpPerspective(frame, warped, cv::Mat(toFrame), reference.size(),
                         cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
@@ -425,11 +440,10 @@ bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, 
     warped.convertTo(b, CV_32F, 1, -mr[0]);
     correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
 
-    std::vector<cv::Point2f> points, moved;
-    int spacing = std::max(4, std::min(reference.cols, reference.rows) / 24);
-    cv::goodFeaturesToTrack(reference, points, 160, 0.01, spacing);
+    const auto& points = scaled.points;
     if (int(points.size()) < minimum)
         return false;
+    std::vector<cv::Point2f> moved;
     std::vector<std::uint8_t> status;
     std::vector<float> error;
     cv::calcOpticalFlowPyrLK(reference, warped, points, moved, status, error, cv::Size(15, 15), 2,
@@ -439,7 +453,7 @@ bool alignOnce(const cv::Mat& frame, const cv::Mat& full, Alignment& alignment, 
         if (!status[i] || cv::norm(moved[i] - points[i]) > 8)
             continue;
         cv::Vec3d f = toFrame * cv::Vec3d(moved[i].x, moved[i].y, 1);
-        cv::Vec3d p = toReference.inv() * cv::Vec3d(points[i].x, points[i].y, 1);
+        cv::Vec3d p = scaled.toReference.inv() * cv::Vec3d(points[i].x, points[i].y, 1);
         from.emplace_back(float(p[0]), float(p[1]));
         to.emplace_back(float(f[0] / f[2]), float(f[1] / f[2]));
     }
@@ -466,8 +480,11 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) c
     cv::Mat full = picture(target);
     double minimumArea = 0.002 * grey.total();
     double correlation = 0;
+    // The scale and corners chosen for the starting guess serve both passes: the second starts
+    // within a pixel or two of the first's result.
+    auto scaled = scaledReference(full, alignment.homography);
     for (int pass = 0; pass < 2; ++pass)
-        if (!alignOnce(grey, full, alignment, settings_.minimumInliers, correlation) ||
+        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers, correlation) ||
             !plausible(frameCorners(alignment.homography, full.size()), minimumArea))
             return false;
     return correlation >= settings_.minimumCorrelation;
