@@ -381,6 +381,7 @@ void printTally(const char* name, int targets, const Tally& t) {
 
 struct Options {
     bool quick = false;
+    bool trackingOnly = false;
 };
 
 void recognition(const Pool& pool, const Options& options, cv::Size resolution,
@@ -568,12 +569,13 @@ void tracking(const Pool& pool, const Options& options,
                 "sequences)\n",
                 median(tracked), median(detected), tracked.size());
     for (cv::Size resolution : {cv::Size(640, 480), cv::Size(1280, 720)}) {
-        int good = 0, total = 0;
+        // Frames before an image is first found measure recognition; those after, tracking.
+        int good = 0, total = 0, goodAfter = 0, after = 0, neverFound = 0;
         std::vector<double> times, errors;
         for (int s = 0; s < (options.quick ? 4 : 20); ++s) {
             auto sequence = makeSequence(pool, 10 + s, resolution, 60, false);
             auto tracker = ImageTracker::create(references, 1, RecognitionMode::inline_);
-            bool was = false;
+            bool was = false, found = false;
             for (std::size_t n = 0; n < sequence.frames.size(); ++n) {
                 auto started = Clock::now();
                 auto result = tracker->process(sequence.frames[n]);
@@ -587,14 +589,20 @@ void tracking(const Pool& pool, const Options& options,
                 if (was && result.images.size() == 1)
                     times.push_back(t);
                 was = result.images.size() == 1;
+                found = found || ok;
                 good += ok;
                 ++total;
+                goodAfter += found && ok;
+                after += found;
             }
+            neverFound += !found;
         }
         std::printf("  moving %dx%d: %.1f%% of %d frames tracked within 5 px, median corner error "
                     "%.2f px, %.2f ms per tracked image per frame\n",
                     resolution.width, resolution.height, 100.0 * good / total, total,
                     median(errors), median(times));
+        std::printf("    once found: %.1f%% of %d frames; never found: %d of the sequences\n",
+                    100.0 * goodAfter / std::max(1, after), after, neverFound);
         std::fflush(stdout);
     }
 }
@@ -606,14 +614,17 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--quick")
             options.quick = true;
+        else if (std::string(argv[i]) == "--tracking")
+            options.trackingOnly = true;
         else {
-            std::fprintf(stderr, "usage: ar_bench [--quick]\n");
+            std::fprintf(stderr, "usage: ar_bench [--quick] [--tracking]\n");
             return 2;
         }
     }
     cv::setNumThreads(1);
     auto started = Clock::now();
-    Pool pool = loadPool(options.quick ? 0 : 900);
+    // Tracking needs the targets only, which come first whatever the number of distractors.
+    Pool pool = loadPool(options.quick || options.trackingOnly ? 0 : 900);
     std::printf("Pictures: %zu backgrounds, %zu decoys, %zu targets, %zu distractors (%.1f s)\n",
                 pool.backgrounds.size(), pool.decoys.size(), pool.targets.size(),
                 pool.distractors.size(), ms(Clock::now() - started) / 1000);
@@ -622,15 +633,19 @@ int main(int argc, char** argv) {
                      "ar_bench: too few photographs; install opencv-doc and palapeli-data\n");
         return 1;
     }
+    std::vector<ReferenceImagePtr> references;
+    for (const auto& target : pool.targets)
+        references.push_back(referenceOf(target));
+    if (options.trackingOnly) {
+        tracking(pool, options, references);
+        return 0;
+    }
     graffiti();
     std::vector<int> sizes =
         options.quick ? std::vector<int>{1, 100} : std::vector<int>{1, 8, 100, 1000};
     recognition(pool, options, {640, 480}, sizes);
     if (!options.quick)
         recognition(pool, options, {1280, 720}, sizes);
-    std::vector<ReferenceImagePtr> references;
-    for (const auto& target : pool.targets)
-        references.push_back(referenceOf(target));
     tracking(pool, options, references);
     std::printf("\nTotal %.0f s\n", ms(Clock::now() - started) / 1000);
 }
