@@ -20,6 +20,7 @@ constexpr int kMaximumTables = 32;
 constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
 constexpr std::size_t kCachedPictures = 16;
+constexpr double kConverged = 0.5; // pixels a refinement pass moves the corners at most when done
 
 using Descriptor = std::array<std::uint64_t, 4>;
 
@@ -483,10 +484,20 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) c
     // The scale and corners chosen for the starting guess serve both passes: the second starts
     // within a pixel or two of the first's result.
     auto scaled = scaledReference(full, alignment.homography);
-    for (int pass = 0; pass < 2; ++pass)
-        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers, correlation) ||
-            !plausible(frameCorners(alignment.homography, full.size()), minimumArea))
+    for (int pass = 0; pass < 2; ++pass) {
+        auto before = frameCorners(alignment.homography, full.size());
+        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers, correlation))
             return false;
+        auto after = frameCorners(alignment.homography, full.size());
+        if (!plausible(after, minimumArea))
+            return false;
+        // A pass that hardly moved the corners started where it ended: another would too.
+        double moved = 0;
+        for (int i = 0; i < 4; ++i)
+            moved = std::max(moved, cv::norm(after[i] - before[i]));
+        if (moved < kConverged)
+            break;
+    }
     return correlation >= settings_.minimumCorrelation;
 }
 
