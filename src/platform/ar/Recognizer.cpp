@@ -262,7 +262,7 @@ void Recognizer::lookUp(Lookup& lookup) const {
         }
         for (int b = 0; b < count; ++b)
             for (int t = 0; t < tables; ++t)
-                __builtin_prefetch(&index_->entries[t][index_->offsets[t][keys[b][t]]]);
+                __builtin_prefetch(index_->entries[t].data() + index_->offsets[t][keys[b][t]]);
         ids.clear();
         for (int b = 0; b < count; ++b) {
             idsFrom[b] = std::uint32_t(ids.size());
