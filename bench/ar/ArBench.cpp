@@ -19,10 +19,12 @@
 #include <opencv2/core/utility.hpp>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/features2d.hpp>
+#include <opencv2/flann.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -98,11 +100,11 @@ struct Features {
     cv::Mat descriptors;
 };
 
-Features plainFeatures(const cv::Mat& grey) {
+Features plainFeatures(const cv::Mat& grey, int count) {
     Features out;
     std::vector<cv::KeyPoint> keypoints;
     cv::Mat descriptors;
-    cv::ORB::create(500, 1.2f, 12)->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
+    cv::ORB::create(count, 1.2f, 12)->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
     // Strongest first.
     std::vector<int> order(keypoints.size());
     std::iota(order.begin(), order.end(), 0);
@@ -153,9 +155,79 @@ std::vector<bool> copies(const std::vector<Features>& features) {
     return copy;
 }
 
+// Which pictures show a part of one another: a picture inside another (a box in a scene), a
+// photograph blended into a figure, two views of one board. Copies are told by the strongest
+// features, which in a big picture rarely fall on the small part it shares; here all features
+// of every picture go into one index, and each picture asked about is matched with all of them.
+class Overlaps {
+public:
+    explicit Overlaps(const std::vector<Features>& features) : features_(features) {
+        for (std::size_t i = 0; i < features.size(); ++i) {
+            first_.push_back(descriptors_.rows);
+            descriptors_.push_back(features[i].descriptors);
+            owner_.insert(owner_.end(), features[i].descriptors.rows, int(i));
+        }
+        if (descriptors_.empty())
+            return;
+        // The index draws its hash functions from OpenCV's shared generator: seed it, for the
+        // same pool on every run, and leave it as it was.
+        cv::RNG saved = cv::theRNG();
+        cv::theRNG() = cv::RNG(42);
+        index_.build(descriptors_, cv::flann::LshIndexParams(20, 16, 0),
+                     cvflann::FLANN_DIST_HAMMING);
+        cv::theRNG() = saved;
+    }
+
+    // The pictures that share a homography's worth of close features with the `count` strongest
+    // features of picture `i`, each feature matched once on either side.
+    std::set<int> of(int i, int count) {
+        std::set<int> out;
+        const cv::Mat& descriptors = features_[i].descriptors;
+        if (descriptors.empty())
+            return out;
+        cv::Mat found, distances;
+        index_.knnSearch(descriptors.rowRange(0, std::min(count, descriptors.rows)), found,
+                         distances, 3, cv::flann::SearchParams());
+        std::map<int, std::vector<std::array<int, 3>>> close; // distance, own feature, its row
+        for (int r = 0; r < found.rows; ++r)
+            for (int k = 0; k < found.cols; ++k) {
+                int row = found.at<int>(r, k);
+                if (row >= 0 && owner_[row] != i && distances.at<int>(r, k) < 50)
+                    close[owner_[row]].push_back({distances.at<int>(r, k), r, row});
+            }
+        for (auto& [other, pairs] : close) {
+            if (pairs.size() < 15)
+                continue;
+            std::sort(pairs.begin(), pairs.end());
+            std::set<int> mine, theirs;
+            std::vector<cv::Point2f> from, to;
+            for (auto [distance, r, row] : pairs)
+                if (!mine.count(r) && !theirs.count(row)) {
+                    mine.insert(r);
+                    theirs.insert(row);
+                    from.push_back(features_[i].keypoints[r].pt);
+                    to.push_back(features_[other].keypoints[row - first_[other]].pt);
+                }
+            if (from.size() < 15)
+                continue;
+            std::vector<std::uint8_t> inliers;
+            cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 6.0, inliers);
+            if (!h.empty() && cv::countNonZero(inliers) >= 15)
+                out.insert(other);
+        }
+        return out;
+    }
+
+private:
+    const std::vector<Features>& features_;
+    cv::Mat descriptors_; // the index refers to these rows
+    std::vector<int> first_, owner_;
+    cv::flann::Index index_;
+};
+
 Pool loadPool(int distractorsWanted) {
     Pool pool;
-    std::vector<cv::Mat> pictures, photos, drawings;
+    std::vector<cv::Mat> pictures;
     std::vector<bool> photographic;
     std::vector<Features> features;
     std::set<std::string> series;
@@ -172,7 +244,7 @@ Pool loadPool(int distractorsWanted) {
             cv::resize(picture, picture, cv::Size(), scale, scale, cv::INTER_AREA);
         cv::Mat grey;
         cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
-        auto found = plainFeatures(grey);
+        auto found = plainFeatures(grey, 500);
         if (found.keypoints.size() < 300)
             continue; // too plain to be a target
         // Screenshots and diagrams are mostly flat; they serve as distractors, photographs as
@@ -188,34 +260,83 @@ Pool loadPool(int distractorsWanted) {
         photographic.push_back(flatShare < 0.2);
     }
     auto copy = copies(features);
+    std::vector<int> photos, drawings;
     for (std::size_t i = 0; i < pictures.size(); ++i)
         if (!copy[i])
-            (photographic[i] ? photos : drawings).push_back(pictures[i]);
+            (photographic[i] ? photos : drawings).push_back(int(i));
     cv::RNG rng(42);
     for (std::size_t i = photos.size(); i > 1; --i)
         std::swap(photos[i - 1], photos[rng.uniform(0, int(i))]);
     for (std::size_t i = drawings.size(); i > 1; --i)
         std::swap(drawings[i - 1], drawings[rng.uniform(0, int(i))]);
-    // Photographs are the targets; other pictures make the scenery and the distractors.
-    while (photos.size() < 100 && !drawings.empty()) {
-        photos.push_back(drawings.back());
-        drawings.pop_back();
-    }
-    std::size_t next = 0;
-    auto take = [&](std::vector<cv::Mat>& from, std::vector<cv::Mat>& into, std::size_t count) {
-        for (; count > 0 && next < from.size(); --count)
-            into.push_back(from[next++]);
+    // A target, or a picture shown in frames, that shares a part with another picture in the
+    // database turns right finds into wrong ones.
+    std::vector<Features> detailed(pictures.size());
+    for (std::size_t i = 0; i < pictures.size(); ++i)
+        if (!copy[i]) {
+            cv::Mat grey;
+            cv::cvtColor(pictures[i], grey, cv::COLOR_BGR2GRAY);
+            detailed[i] = plainFeatures(grey, 2000);
+        }
+    Overlaps overlaps(detailed);
+    // Photographs are the targets; other pictures make the scenery and the distractors, which may
+    // share parts with one another (they are never shown), but not with a target or the scenery.
+    std::vector<int> targets, scenery, rest, distractors;
+    std::set<int> sharing; // with a target or the scenery: in no role
+    auto target = [&](int i) { return std::count(targets.begin(), targets.end(), i) > 0; };
+    auto shown = [&](int i) {
+        return target(i) || std::count(scenery.begin(), scenery.end(), i) > 0;
     };
-    take(photos, pool.targets, 100);
-    pool.distractors.assign(photos.begin() + next, photos.end());
-    next = 0;
-    take(drawings, pool.backgrounds, 20);
-    take(drawings, pool.decoys, 10);
-    take(drawings, pool.distractors, drawings.size());
+    std::size_t nextPhoto = 0;
+    while (targets.size() < 100 && (nextPhoto < photos.size() || !drawings.empty())) {
+        int i;
+        if (nextPhoto < photos.size()) {
+            i = photos[nextPhoto++];
+        } else {
+            i = drawings.back();
+            drawings.pop_back();
+        }
+        // The strongest half of the features is enough between database pictures, at half the
+        // cost; a picture shown in frames is matched with all of them.
+        auto near = overlaps.of(i, 1000);
+        if (sharing.count(i) || std::any_of(near.begin(), near.end(), target)) {
+            sharing.insert(i);
+            continue;
+        }
+        targets.push_back(i);
+        sharing.insert(near.begin(), near.end());
+    }
+    rest.assign(photos.begin() + nextPhoto, photos.end());
+    for (int i : drawings) {
+        if (scenery.size() < 30 && !sharing.count(i)) {
+            auto near = overlaps.of(i, 2000);
+            // Sharing a part with another picture of the scenery, or with one in no role, is
+            // harmless; with a distractor, it makes this one a distractor too.
+            if (std::all_of(near.begin(), near.end(),
+                            [&](int j) { return sharing.count(j) || (shown(j) && !target(j)); })) {
+                scenery.push_back(i);
+                continue;
+            }
+            if (std::any_of(near.begin(), near.end(), shown)) {
+                sharing.insert(i);
+                continue;
+            }
+        }
+        rest.push_back(i);
+    }
+    for (int i : rest)
+        if (!sharing.count(i))
+            distractors.push_back(i);
+    for (int i : targets)
+        pool.targets.push_back(pictures[i]);
+    for (std::size_t k = 0; k < scenery.size(); ++k)
+        (k < 20 ? pool.backgrounds : pool.decoys).push_back(pictures[scenery[k]]);
+    for (int i : distractors)
+        pool.distractors.push_back(pictures[i]);
     // Too few photographs for a thousand references: halves and quarters of the distractors
     // stand in for more (never of targets, which would then match them).
     std::size_t base = pool.distractors.size();
-    for (int part = 0; int(pool.distractors.size()) < distractorsWanted && part < 6; ++part)
+    for (int part = 0; int(pool.distractors.size()) < distractorsWanted && part < 9; ++part)
         for (std::size_t i = 0; i < base && int(pool.distractors.size()) < distractorsWanted; ++i) {
             const cv::Mat& d = pool.distractors[i];
             cv::Rect crops[] = {{0, 0, d.cols / 2, d.rows},
@@ -223,7 +344,10 @@ Pool loadPool(int distractorsWanted) {
                                 {0, 0, d.cols, d.rows / 2},
                                 {0, d.rows / 2, d.cols, d.rows / 2},
                                 {d.cols / 4, d.rows / 4, d.cols / 2, d.rows / 2},
-                                {0, 0, d.cols / 2, d.rows / 2}};
+                                {0, 0, d.cols / 2, d.rows / 2},
+                                {d.cols / 2, 0, d.cols / 2, d.rows / 2},
+                                {0, d.rows / 2, d.cols / 2, d.rows / 2},
+                                {d.cols / 2, d.rows / 2, d.cols / 2, d.rows / 2}};
             pool.distractors.push_back(d(crops[part]).clone());
         }
     return pool;
