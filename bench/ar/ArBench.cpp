@@ -57,6 +57,7 @@ double median(std::vector<double> v) {
 
 struct Pool {
     std::vector<cv::Mat> backgrounds, decoys, targets, distractors; // BGR, at most 640 px
+    int dropped = 0; // copies and pictures that show a part of another
 };
 
 std::vector<fs::path> photoFiles() {
@@ -327,6 +328,7 @@ Pool loadPool(int distractorsWanted) {
     for (int i : rest)
         if (!sharing.count(i))
             distractors.push_back(i);
+    pool.dropped = int(pictures.size() - targets.size() - scenery.size() - distractors.size());
     for (int i : targets)
         pool.targets.push_back(pictures[i]);
     for (std::size_t k = 0; k < scenery.size(); ++k)
@@ -749,9 +751,11 @@ int main(int argc, char** argv) {
     auto started = Clock::now();
     // Tracking needs the targets only, which come first whatever the number of distractors.
     Pool pool = loadPool(options.quick || options.trackingOnly ? 0 : 900);
-    std::printf("Pictures: %zu backgrounds, %zu decoys, %zu targets, %zu distractors (%.1f s)\n",
-                pool.backgrounds.size(), pool.decoys.size(), pool.targets.size(),
-                pool.distractors.size(), ms(Clock::now() - started) / 1000);
+    std::printf(
+        "Pictures: %zu backgrounds, %zu decoys, %zu targets, %zu distractors; %d dropped as "
+        "copies or parts of others (%.1f s)\n",
+        pool.backgrounds.size(), pool.decoys.size(), pool.targets.size(), pool.distractors.size(),
+        pool.dropped, ms(Clock::now() - started) / 1000);
     if (pool.targets.size() < 100) {
         std::fprintf(stderr,
                      "ar_bench: too few photographs; install opencv-doc and palapeli-data\n");
