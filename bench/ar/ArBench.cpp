@@ -119,6 +119,16 @@ Features plainFeatures(const cv::Mat& grey, int count) {
     return out;
 }
 
+// Whether matched points of two pictures hold a homography's worth of agreement: enough of them
+// map from one picture to the other by one plane's perspective.
+bool shareAPlane(const std::vector<cv::Point2f>& from, const std::vector<cv::Point2f>& to) {
+    if (from.size() < 15)
+        return false;
+    std::vector<std::uint8_t> inliers;
+    cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 6.0, inliers);
+    return !h.empty() && cv::countNonZero(inliers) >= 15;
+}
+
 // Wallpaper packages ship one picture in several sizes and crops, and sample data repeats
 // pictures too: a frame showing one of them would then count a right find as a wrong one. Drops
 // every picture that shares a homography's worth of close features with an earlier one.
@@ -142,16 +152,9 @@ std::vector<bool> copies(const std::vector<Features>& features) {
                     shared[m.imgIdx].first.push_back(features[i].keypoints[m.queryIdx].pt);
                     shared[m.imgIdx].second.push_back(features[m.imgIdx].keypoints[m.trainIdx].pt);
                 }
-        for (const auto& [other, points] : shared) {
-            if (points.first.size() < 15)
-                continue;
-            std::vector<std::uint8_t> inliers;
-            cv::Mat h = cv::findHomography(points.first, points.second, cv::RANSAC, 6.0, inliers);
-            if (!h.empty() && cv::countNonZero(inliers) >= 15) {
-                copy[i] = true;
-                break;
-            }
-        }
+        copy[i] = std::ranges::any_of(shared, [](const auto& entry) {
+            return shareAPlane(entry.second.first, entry.second.second);
+        });
     }
     return copy;
 }
@@ -209,11 +212,7 @@ public:
                     from.push_back(features_[i].keypoints[r].pt);
                     to.push_back(features_[other].keypoints[row - first_[other]].pt);
                 }
-            if (from.size() < 15)
-                continue;
-            std::vector<std::uint8_t> inliers;
-            cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 6.0, inliers);
-            if (!h.empty() && cv::countNonZero(inliers) >= 15)
+            if (shareAPlane(from, to))
                 out.insert(other);
         }
         return out;
