@@ -39,11 +39,17 @@ function(pelkit_add_module name)
     set_property(GLOBAL APPEND PROPERTY PELKIT_INSTALLED_MODULES ${name})
 endfunction()
 
-# pelkit_add_test(<name> SOURCES ... LINKS ...) makes a GoogleTest executable registered with CTest.
+# pelkit_add_test(<name> [OWN_MAIN] SOURCES ... LINKS ...) makes a GoogleTest executable
+# registered with CTest; with OWN_MAIN its sources define main().
 function(pelkit_add_test name)
-    cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+    cmake_parse_arguments(ARG "OWN_MAIN" "" "SOURCES;LINKS" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
-    target_link_libraries(${name} PRIVATE ${ARG_LINKS} pelkit_testsupport GTest::gtest_main
+    if(ARG_OWN_MAIN)
+        set(gtest GTest::gtest)
+    else()
+        set(gtest GTest::gtest_main)
+    endif()
+    target_link_libraries(${name} PRIVATE ${ARG_LINKS} pelkit_testsupport ${gtest}
         pelkit_warnings)
     gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
         PROPERTIES ENVIRONMENT "PELKIT_TEST_FIXTURES=${PROJECT_SOURCE_DIR}/tests/fixtures"

@@ -20,13 +20,6 @@ fs::path demoProject() {
     return fixturesDirectory() / ".." / ".." / "examples" / "demo-project";
 }
 
-// A screen and its synchroniser hold each other for good; keeping every screen reachable keeps
-// the leak checker quiet about that cycle and its threads out of static destruction.
-std::vector<std::shared_ptr<PELViewController>>& keptScreens() {
-    static auto* screens = new std::vector<std::shared_ptr<PELViewController>>;
-    return *screens;
-}
-
 struct Stage {
     TempDir root;
     std::unique_ptr<devserver::DevServer> server;
@@ -138,7 +131,6 @@ void ViewControllerTest::writeScript(std::string json) {
 
 std::shared_ptr<PELViewController> ViewControllerTest::present(const std::string& key) {
     controller = std::make_shared<PELViewController>();
-    keptScreens().push_back(controller);
     controller->setAppKey(key);
     window->setRootViewController(controller);
     window->makeKeyAndVisible();
@@ -210,3 +202,15 @@ int ViewControllerTest::count(const std::string& line) const {
 }
 
 } // namespace pelkit::test
+
+// A screen and its synchroniser hold each other for good, as in a host application, and the
+// screen's threads run on to the process's end. Like pelkit-viewer, the process ends here, not in
+// static destructors: those take the GL driver's and OpenCV's data away under a frame still
+// being drawn.
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
+}
