@@ -21,6 +21,8 @@ constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
 constexpr std::size_t kCachedPictures = 16;
 constexpr double kConverged = 0.5; // pixels a refinement pass moves the corners at most when done
+constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
+constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
 
 using Descriptor = std::array<std::uint64_t, 4>;
 
@@ -422,7 +424,7 @@ ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homograp
 // One pass of refinement: the frame warped into the scaled reference's pixels, its corners
 // followed into it with Lucas-Kanade, homography refitted.
 bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& alignment,
-               int minimum, double& correlation) {
+               int minimum, double likeness, double& correlation) {
     const cv::Mat& reference = scaled.picture;
     cv::Matx33d toFrame = alignment.homography * scaled.toReference.inv();
     cv::Mat warped;
@@ -436,9 +438,12 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
     warped.convertTo(warped, CV_8U, gain, mr[0] - gain * mw[0]);
     // How alike the two look, once aligned: a wrong reference that happens to fit a homography
     // to a few points does not look like the frame.
+    // Compared at half size, where a blurred frame still looks like its sharp reference.
     cv::Mat a, b;
-    reference.convertTo(a, CV_32F, 1, -mr[0]);
-    warped.convertTo(b, CV_32F, 1, -mr[0]);
+    cv::resize(reference, a, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    cv::resize(warped, b, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    a.convertTo(a, CV_32F, 1, -mr[0]);
+    b.convertTo(b, CV_32F, 1, -mr[0]);
     correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
 
     const auto& points = scaled.points;
@@ -447,11 +452,13 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
     std::vector<cv::Point2f> moved;
     std::vector<std::uint8_t> status;
     std::vector<float> error;
-    cv::calcOpticalFlowPyrLK(reference, warped, points, moved, status, error, cv::Size(15, 15), 2,
+    // A start from a few feature matches can be off by a dozen pixels at the far corners.
+    cv::calcOpticalFlowPyrLK(reference, warped, points, moved, status, error, cv::Size(15, 15),
+                             kRefineLevels,
                              {cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01});
     std::vector<cv::Point2f> from, to;
     for (std::size_t i = 0; i < points.size(); ++i) {
-        if (!status[i] || cv::norm(moved[i] - points[i]) > 8)
+        if (!status[i] || cv::norm(moved[i] - points[i]) > kFurthestMove)
             continue;
         cv::Vec3d f = toFrame * cv::Vec3d(moved[i].x, moved[i].y, 1);
         cv::Vec3d p = scaled.toReference.inv() * cv::Vec3d(points[i].x, points[i].y, 1);
@@ -462,7 +469,11 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
         return false;
     std::vector<std::uint8_t> inliers;
     cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 1.5, inliers, 500, 0.995);
-    if (h.empty() || cv::countNonZero(inliers) < std::max<int>(minimum, int(0.3 * points.size())))
+    // Blur and steep views lose many of the corners; pictures that already look alike need
+    // fewer of them to agree.
+    int needed =
+        correlation >= likeness ? minimum : std::max<int>(minimum, int(0.3 * points.size()));
+    if (h.empty() || cv::countNonZero(inliers) < needed)
         return false;
     alignment.homography = cv::Matx33d(h);
     alignment.referencePoints.clear();
@@ -486,7 +497,8 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) c
     auto scaled = scaledReference(full, alignment.homography);
     for (int pass = 0; pass < 2; ++pass) {
         auto before = frameCorners(alignment.homography, full.size());
-        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers, correlation))
+        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers,
+                       settings_.minimumCorrelation, correlation))
             return false;
         auto after = frameCorners(alignment.homography, full.size());
         if (!plausible(after, minimumArea))
