@@ -182,8 +182,11 @@ TEST_F(ContentNodeTest, AudioNodeSwapsItsButtonAndRewindsAtTheEnd) {
         node->scene()->updateActions(clock += 0.1);
         EXPECT_EQ(node->player()->rate(), 1);
         EXPECT_EQ(node->playButton()->texture(), PELAudioNode::initTextureNamed("pause"));
+        // The player stops first; the end's observer swaps the button after, on its own thread.
         ASSERT_TRUE(waitUntil([&] { return node->player()->rate() == 0; })) << round;
-        EXPECT_EQ(node->playButton()->texture(), PELAudioNode::initTextureNamed("play"));
+        EXPECT_TRUE(waitUntil([&] {
+            return node->playButton()->texture() == PELAudioNode::initTextureNamed("play");
+        })) << round;
     }
     node->toggleAudioPlaying();
     node->toggleAudioPlaying();
