@@ -470,9 +470,9 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
     std::vector<std::uint8_t> inliers;
     cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 1.5, inliers, 500, 0.995);
     // Blur and steep views lose many of the corners; pictures that already look alike need
-    // fewer of them to agree.
-    int needed =
-        correlation >= likeness ? minimum : std::max<int>(minimum, int(0.3 * points.size()));
+    // half as many of them to agree.
+    double share = correlation >= likeness ? 0.15 : 0.3;
+    int needed = std::max<int>(minimum, int(share * double(points.size())));
     if (h.empty() || cv::countNonZero(inliers) < needed)
         return false;
     alignment.homography = cv::Matx33d(h);
