@@ -399,7 +399,7 @@ namespace {
 // The reference at about the scale it is seen at in the frame, and the corners to follow in it.
 struct ScaledReference {
     cv::Mat picture;
-    cv::Matx33d toReference; // working pixels -> the scaled picture's
+    cv::Matx33d toWorking; // the scaled picture's pixels -> working pixels
     std::vector<cv::Point2f> points;
 };
 
@@ -415,7 +415,7 @@ ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homograp
                             std::max(32, int(std::lround(full.rows * r)))),
                    0, 0, cv::INTER_AREA);
     double rx = double(out.picture.cols) / full.cols, ry = double(out.picture.rows) / full.rows;
-    out.toReference = cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1);
+    out.toWorking = cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
     int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
     cv::goodFeaturesToTrack(out.picture, out.points, 160, 0.01, spacing);
     return out;
@@ -426,7 +426,7 @@ ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homograp
 bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& alignment,
                int minimum, double likeness, double& correlation) {
     const cv::Mat& reference = scaled.picture;
-    cv::Matx33d toFrame = alignment.homography * scaled.toReference.inv();
+    cv::Matx33d toFrame = alignment.homography * scaled.toWorking;
     cv::Mat warped;
     cv::warpPerspective(frame, warped, cv::Mat(toFrame), reference.size(),
                         cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
@@ -437,8 +437,8 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
     double gain = sw[0] > 1 ? sr[0] / sw[0] : 1;
     warped.convertTo(warped, CV_8U, gain, mr[0] - gain * mw[0]);
     // How alike the two look, once aligned: a wrong reference that happens to fit a homography
-    // to a few points does not look like the frame.
-    // Compared at half size, where a blurred frame still looks like its sharp reference.
+    // to a few points does not look like the frame. Compared at half size, where a blurred frame
+    // still looks like its sharp reference.
     cv::Mat a, b;
     cv::resize(reference, a, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
     cv::resize(warped, b, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
@@ -461,7 +461,7 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
         if (!status[i] || cv::norm(moved[i] - points[i]) > kFurthestMove)
             continue;
         cv::Vec3d f = toFrame * cv::Vec3d(moved[i].x, moved[i].y, 1);
-        cv::Vec3d p = scaled.toReference.inv() * cv::Vec3d(points[i].x, points[i].y, 1);
+        cv::Vec3d p = scaled.toWorking * cv::Vec3d(points[i].x, points[i].y, 1);
         from.emplace_back(float(p[0]), float(p[1]));
         to.emplace_back(float(f[0] / f[2]), float(f[1] / f[2]));
     }
