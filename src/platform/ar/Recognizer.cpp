@@ -23,6 +23,7 @@ constexpr std::size_t kCachedPictures = 16;
 constexpr double kConverged = 0.5; // pixels a refinement pass moves the corners at most when done
 constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
 constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
+const cv::Size kWindow(15, 15);      // of Lucas-Kanade in a refinement pass
 
 using Descriptor = std::array<std::uint64_t, 4>;
 
@@ -399,6 +400,7 @@ namespace {
 // The reference at about the scale it is seen at in the frame, and the corners to follow in it.
 struct ScaledReference {
     cv::Mat picture;
+    std::vector<cv::Mat> pyramid; // for Lucas-Kanade, with derivatives, shared by the passes
     cv::Matx33d toWorking; // the scaled picture's pixels -> working pixels
     std::vector<cv::Point2f> points;
 };
@@ -418,13 +420,14 @@ ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homograp
     out.toWorking = cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
     int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
     cv::goodFeaturesToTrack(out.picture, out.points, 160, 0.01, spacing);
+    cv::buildOpticalFlowPyramid(out.picture, out.pyramid, kWindow, kRefineLevels);
     return out;
 }
 
 // One pass of refinement: the frame warped into the scaled reference's pixels, its corners
 // followed into it with Lucas-Kanade, homography refitted.
-bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& alignment,
-               int minimum, double likeness, double& correlation) {
+bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
+               Alignment& alignment, int minimum, double likeness, double& correlation) {
     const cv::Mat& reference = scaled.picture;
     cv::Matx33d toFrame = alignment.homography * scaled.toWorking;
     cv::Mat warped;
@@ -452,9 +455,9 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, Alignment& a
     std::vector<cv::Point2f> moved;
     std::vector<std::uint8_t> status;
     std::vector<float> error;
-    // A start from a few feature matches can be off by a dozen pixels at the far corners.
-    cv::calcOpticalFlowPyrLK(reference, warped, points, moved, status, error, cv::Size(15, 15),
-                             kRefineLevels,
+    // A start from a few feature matches can be off by a dozen pixels at the far corners; the
+    // second pass starts within a pixel or two, and needs fewer levels.
+    cv::calcOpticalFlowPyrLK(scaled.pyramid, warped, points, moved, status, error, kWindow, levels,
                              {cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01});
     std::vector<cv::Point2f> from, to;
     for (std::size_t i = 0; i < points.size(); ++i) {
@@ -497,8 +500,8 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) c
     auto scaled = scaledReference(full, alignment.homography);
     for (int pass = 0; pass < 2; ++pass) {
         auto before = frameCorners(alignment.homography, full.size());
-        if (!alignOnce(grey, scaled, alignment, settings_.minimumInliers,
-                       settings_.minimumCorrelation, correlation))
+        if (!alignOnce(grey, scaled, pass == 0 ? kRefineLevels : 2, alignment,
+                       settings_.minimumInliers, settings_.minimumCorrelation, correlation))
             return false;
         auto after = frameCorners(alignment.homography, full.size());
         if (!plausible(after, minimumArea))
