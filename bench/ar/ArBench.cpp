@@ -770,6 +770,7 @@ int main(int argc, char** argv) {
     graffiti();
     std::vector<int> sizes =
         options.quick ? std::vector<int>{1, 100} : std::vector<int>{1, 8, 100, 1000};
+    if (getenv("AR_ONLY")) { recognition(pool, options, {640, 480}, {atoi(getenv("AR_ONLY"))}); std::fflush(stdout); std::exit(0); }
     recognition(pool, options, {640, 480}, sizes);
     if (!options.quick)
         recognition(pool, options, {1280, 720}, sizes);
