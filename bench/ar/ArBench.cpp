@@ -30,6 +30,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
 #include <numeric>
 #include <set>
@@ -58,6 +59,7 @@ double median(std::vector<double> v) {
 struct Pool {
     std::vector<cv::Mat> backgrounds, decoys, targets, distractors; // BGR, at most 640 px
     int dropped = 0; // copies and pictures that show a part of another
+    int refused = 0; // photographs that validation refuses as targets
 };
 
 std::vector<fs::path> photoFiles() {
@@ -287,6 +289,13 @@ Pool loadPool(int distractorsWanted) {
     auto shown = [&](int i) {
         return target(i) || std::count(scenery.begin(), scenery.end(), i) > 0;
     };
+    // A host is told which of its images cannot be recognised; those are no targets here either.
+    auto valid = [&](int i) {
+        std::promise<bool> answer;
+        referenceOf(pictures[i])->validate([&](ErrorPtr error) { answer.set_value(!error); });
+        return answer.get_future().get();
+    };
+    std::vector<int> refused;
     std::size_t nextPhoto = 0;
     while (targets.size() < 100 && (nextPhoto < photos.size() || !drawings.empty())) {
         int i;
@@ -295,6 +304,10 @@ Pool loadPool(int distractorsWanted) {
         } else {
             i = drawings.back();
             drawings.pop_back();
+        }
+        if (!valid(i)) {
+            refused.push_back(i);
+            continue;
         }
         // The strongest half of the features is enough between database pictures, at half the
         // cost; a picture shown in frames is matched with all of them.
@@ -307,6 +320,8 @@ Pool loadPool(int distractorsWanted) {
         sharing.insert(near.begin(), near.end());
     }
     rest.assign(photos.begin() + nextPhoto, photos.end());
+    rest.insert(rest.end(), refused.begin(), refused.end());
+    pool.refused = int(refused.size());
     for (int i : drawings) {
         if (scenery.size() < 30 && !sharing.count(i)) {
             auto near = overlaps.of(i, 2000);
@@ -752,9 +767,9 @@ int main(int argc, char** argv) {
     Pool pool = loadPool(options.quick || options.trackingOnly ? 0 : 900);
     std::printf(
         "Pictures: %zu backgrounds, %zu decoys, %zu targets, %zu distractors; %d dropped as "
-        "copies or parts of others (%.1f s)\n",
+        "copies or parts of others; %d photographs refused as targets by validation (%.1f s)\n",
         pool.backgrounds.size(), pool.decoys.size(), pool.targets.size(), pool.distractors.size(),
-        pool.dropped, ms(Clock::now() - started) / 1000);
+        pool.dropped, pool.refused, ms(Clock::now() - started) / 1000);
     if (pool.targets.size() < 100) {
         std::fprintf(stderr,
                      "ar_bench: too few photographs; install opencv-doc and palapeli-data\n");
@@ -770,7 +785,6 @@ int main(int argc, char** argv) {
     graffiti();
     std::vector<int> sizes =
         options.quick ? std::vector<int>{1, 100} : std::vector<int>{1, 8, 100, 1000};
-    if (getenv("AR_ONLY")) { recognition(pool, options, {640, 480}, {atoi(getenv("AR_ONLY"))}); std::fflush(stdout); std::exit(0); }
     recognition(pool, options, {640, 480}, sizes);
     if (!options.quick)
         recognition(pool, options, {1280, 720}, sizes);

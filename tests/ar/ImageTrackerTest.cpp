@@ -216,6 +216,18 @@ TEST_F(ImageTrackerTest, ABusyImageDoesNotHideTheOthers) {
     EXPECT_EQ(results.back().images.size(), 3u);
 }
 
+std::shared_ptr<const image::Image> noise(int width, int height) {
+    auto out = std::make_shared<image::Image>(image::Image::filled(width, height, 0x000000ffu));
+    std::uint32_t state = 12345;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            state = state * 1664525u + 1013904223u;
+            auto* p = out->pixel(x, y);
+            p[0] = p[1] = p[2] = std::uint8_t(80 + (state >> 24) * 96 / 256);
+        }
+    return out;
+}
+
 TEST(ReferenceImageValidation, RejectsWhatCannotBeTrackedAndAcceptsAPhoto) {
     struct Case {
         std::shared_ptr<const image::Image> image;
@@ -226,6 +238,10 @@ TEST(ReferenceImageValidation, RejectsWhatCannotBeTrackedAndAcceptsAPhoto) {
                   "the image is 40x30 pixels; at least 64 pixels are needed on each side"},
              Case{std::make_shared<image::Image>(image::Image::filled(640, 480, 0x808080ffu)),
                   "the image has too little detail to track: 0 features, at least 60 needed"},
+             // Pixel-sized detail: plenty of features up close, a flat grey from afar.
+             Case{noise(640, 480),
+                  "the image's detail is too fine to recognise it from afar: 0 corners "
+                  "when it is 200 pixels across, at least 50 needed"},
              Case{load("mandelbrot.jpg"), ""},
          }) {
         auto reference = ReferenceImage::create(c.image, ImageOrientation::up, 0.2);

@@ -20,7 +20,7 @@ constexpr int kMaximumTables = 32;
 constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
 constexpr std::size_t kCachedPictures = 16;
-constexpr double kConverged = 0.5; // pixels a refinement pass moves the corners at most when done
+constexpr double kConverged = 0.5;   // pixels a refinement pass moves the corners at most when done
 constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
 constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
 const cv::Size kWindow(15, 15);      // of Lucas-Kanade in a refinement pass
@@ -401,7 +401,7 @@ namespace {
 struct ScaledReference {
     cv::Mat picture;
     std::vector<cv::Mat> pyramid; // for Lucas-Kanade, with derivatives, shared by the passes
-    cv::Matx33d toWorking; // the scaled picture's pixels -> working pixels
+    cv::Matx33d toWorking;        // the scaled picture's pixels -> working pixels
     std::vector<cv::Point2f> points;
 };
 
