@@ -20,6 +20,7 @@ constexpr int kMaximumTables = 32;
 constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
 constexpr std::size_t kCachedPictures = 16;
+constexpr int kThumbnailSize = 64;   // pixels on a thumbnail's longer side
 constexpr double kConverged = 0.5;   // pixels a refinement pass moves the corners at most when done
 constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
 constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
@@ -136,6 +137,7 @@ struct Recognizer::Index {
 struct Recognizer::Target {
     cv::Size working;
     std::pair<std::uint32_t, std::uint32_t> features; // its range in the index
+    cv::Mat thumbnail;                                // the working picture, small
 };
 
 Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
@@ -148,7 +150,14 @@ Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
         orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20, keypoints,
                     descriptors);
         auto first = std::uint32_t(index_->descriptors.size());
-        targets_.push_back({grey.size(), {first, first + std::uint32_t(descriptors.rows)}});
+        double r = double(kThumbnailSize) / std::max(grey.cols, grey.rows);
+        cv::Mat thumbnail;
+        cv::resize(grey, thumbnail,
+                   cv::Size(std::max(8, int(std::lround(grey.cols * r))),
+                            std::max(8, int(std::lround(grey.rows * r)))),
+                   0, 0, cv::INTER_AREA);
+        targets_.push_back(
+            {grey.size(), {first, first + std::uint32_t(descriptors.rows)}, thumbnail});
         for (int i = 0; i < descriptors.rows; ++i) {
             index_->descriptors.push_back(descriptorAt(descriptors, i));
             index_->owner.push_back(std::uint32_t(t));
@@ -173,6 +182,8 @@ std::size_t Recognizer::databaseBytes() const {
     std::size_t bytes = n * (sizeof(Descriptor) + sizeof(std::uint32_t) + sizeof(cv::Point2f));
     for (int t = 0; t < index_->tables; ++t)
         bytes += index_->entries[t].size() * 4 + index_->offsets[t].size() * 4;
+    for (const auto& target : targets_)
+        bytes += target.thumbnail.total();
     return bytes + targets_.size() * sizeof(Target);
 }
 
@@ -320,18 +331,61 @@ void Recognizer::matchExhaustively(const Lookup& lookup, int target, Alignment& 
     }
 }
 
-bool Recognizer::verify(const cv::Mat& grey, int target, Alignment& alignment) const {
-    if (int(alignment.referencePoints.size()) < settings_.minimumInliers)
+bool Recognizer::verify(const cv::Mat& grey, cv::Mat& halfGrey, int target,
+                        Alignment& alignment) const {
+    const auto& from = alignment.referencePoints;
+    const auto& to = alignment.framePoints;
+    if (int(from.size()) < std::min(settings_.minimumInliers, settings_.minimumAffineInliers))
         return false;
+    double minimumArea = 0.002 * grey.total();
     std::vector<std::uint8_t> inliers;
-    cv::Mat h = cv::findHomography(alignment.referencePoints, alignment.framePoints, cv::USAC_FAST,
-                                   4.0, inliers, 2000, 0.995);
-    if (h.empty() || cv::countNonZero(inliers) < settings_.minimumInliers)
+    if (int(from.size()) >= settings_.minimumInliers) {
+        cv::Mat h = cv::findHomography(from, to, cv::USAC_FAST, 4.0, inliers, 2000, 0.995);
+        if (!h.empty() && cv::countNonZero(inliers) >= settings_.minimumInliers &&
+            plausible(frameCorners(cv::Matx33d(h), targets_[target].working), minimumArea)) {
+            alignment.homography = cv::Matx33d(h);
+            return refine(grey, target, alignment);
+        }
+    }
+    // A small, blurred or steeply tilted reference leaves too few matches for a homography, or
+    // matches bunched in one part of it that a homography extrapolates wildly from; an affine map
+    // needs fewer and extrapolates tamely, and refinement adds the perspective.
+    cv::Mat a = cv::estimateAffine2D(from, to, inliers, cv::RANSAC, 5.0, 500, 0.995);
+    if (a.empty() || cv::countNonZero(inliers) < settings_.minimumAffineInliers)
         return false;
-    alignment.homography = cv::Matx33d(h);
-    return plausible(frameCorners(alignment.homography, targets_[target].working),
-                     0.002 * grey.total()) &&
-           refine(grey, target, alignment);
+    cv::Matx33d guess(a.at<double>(0, 0), a.at<double>(0, 1), a.at<double>(0, 2),
+                      a.at<double>(1, 0), a.at<double>(1, 1), a.at<double>(1, 2), 0, 0, 1);
+    if (!plausible(frameCorners(guess, targets_[target].working), minimumArea))
+        return false;
+    // Refinement costs a few milliseconds, and few matches often come from a wrong reference.
+    if (halfGrey.empty())
+        cv::pyrDown(grey, halfGrey);
+    if (!looksAlike(halfGrey, target, guess))
+        return false;
+    alignment.homography = guess;
+    return refine(grey, target, alignment);
+}
+
+bool Recognizer::looksAlike(const cv::Mat& halfGrey, int target,
+                            const cv::Matx33d& homography) const {
+    const Target& t = targets_[target];
+    double rx = double(t.thumbnail.cols) / t.working.width,
+           ry = double(t.thumbnail.rows) / t.working.height;
+    // Pixel centres: thumbnail -> working picture -> frame -> half-size frame.
+    cv::Matx33d toWorking =
+        cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
+    cv::Matx33d toHalf(0.5, 0, -0.25, 0, 0.5, -0.25, 0, 0, 1);
+    cv::Mat seen;
+    cv::warpPerspective(halfGrey, seen, cv::Mat(toHalf * homography * toWorking),
+                        t.thumbnail.size(), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                        cv::BORDER_REPLICATE);
+    cv::Mat a, b;
+    t.thumbnail.convertTo(a, CV_32F);
+    seen.convertTo(b, CV_32F);
+    a -= cv::mean(a)[0];
+    b -= cv::mean(b)[0];
+    double correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
+    return correlation >= settings_.minimumGlanceCorrelation;
 }
 
 std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector<int>& skip,
@@ -359,6 +413,7 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
     // The index's own matches settle most frames at little cost; matching the best few
     // candidates feature by feature finds the matches hashing missed, for the rest.
     std::vector<Detection> found;
+    cv::Mat halfGrey; // made when first needed
     for (int exhaustive = 0; exhaustive < 2 && int(found.size()) < count; ++exhaustive)
         for (int c = 0;
              c < (exhaustive ? std::min(shortlist, settings_.exhaustiveCandidates) : shortlist) &&
@@ -372,7 +427,7 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
                 matchExhaustively(lookup, target, alignment);
             else
                 matchFromHits(lookup, target, alignment);
-            if (verify(grey, target, alignment))
+            if (verify(grey, halfGrey, target, alignment))
                 found.push_back({target, std::move(alignment)});
         }
     return found;

@@ -1,7 +1,7 @@
 // Finding reference images in a frame: ORB features of every reference in one hashed index, votes
-// for the references a frame's features resemble, homography verification of the best voted, and
-// a refinement that aligns the reference itself with the frame. Built once; `detect` and `refine`
-// are const and may run on any thread, several at once.
+// for the references a frame's features resemble, a homography (or, from few matches, an affine
+// map) of the best voted, and a refinement that aligns the reference itself with the frame. Built
+// once; `detect` and `refine` are const and may run on any thread, several at once.
 #pragma once
 
 #include <pelkit/ar/ReferenceImage.h>
@@ -28,6 +28,11 @@ struct RecognizerSettings {
     int keyBits = 10;   ///< bits of a descriptor that key a table, at least
     double ratio = 0.8; ///< a match or vote must be this much nearer than the runner-up
     int minimumInliers = 12;
+    /// Fewer matches than a homography needs can still place a small or blurred reference: an
+    /// affine map of this many of them starts a refinement when the pictures look alike at a
+    /// glance (correlation of thumbnails).
+    int minimumAffineInliers = 6;
+    double minimumGlanceCorrelation = 0.2;
     double minimumCorrelation = 0.6; ///< of the aligned reference and frame
 };
 
@@ -82,7 +87,8 @@ private:
     void lookUp(Lookup& lookup) const;
     void matchFromHits(const Lookup& lookup, int target, Alignment& alignment) const;
     void matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const;
-    bool verify(const cv::Mat& grey, int target, Alignment& alignment) const;
+    bool verify(const cv::Mat& grey, cv::Mat& halfGrey, int target, Alignment& alignment) const;
+    bool looksAlike(const cv::Mat& halfGrey, int target, const cv::Matx33d& homography) const;
     cv::Mat picture(int target) const;
 
     RecognizerSettings settings_;
