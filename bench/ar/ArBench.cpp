@@ -3,7 +3,11 @@
 // ukui-wallpapers and lomiri-wallpapers-20.04 add photographs when installed), against a plain
 // OpenCV pipeline measured in the same run.
 //
-//     ar_bench [--quick]      # one thread; the full run takes about ten minutes
+//     ar_bench [--quick | --tracking | --targets N] [--no-baseline] [--cache DIR] [--shots FILE]
+//
+// One thread; the full run takes about fifteen minutes. For trying a change: `--cache` keeps the
+// picture pool (a minute or two to make) in DIR between runs, `--targets N` runs one database
+// size at 640x480, and `--shots` writes each frame's result, to compare two runs frame by frame.
 //
 // Frames: a target 0.2 m wide spanning 20-80% of the frame height, tilted up to 50 degrees, any
 // in-plane rotation, over a photo, with blur, motion blur (a quarter of the frames), noise, a
@@ -16,8 +20,8 @@
 
 #include <pelkit/ar/ImageTracker.h>
 
-#include <opencv2/core/utility.hpp>
 #include <opencv2/calib3d.hpp>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/features2d.hpp>
 #include <opencv2/flann.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -29,6 +33,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <map>
@@ -111,9 +116,8 @@ Features plainFeatures(const cv::Mat& grey, int count) {
     // Strongest first.
     std::vector<int> order(keypoints.size());
     std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-        return keypoints[a].response > keypoints[b].response;
-    });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int a, int b) { return keypoints[a].response > keypoints[b].response; });
     for (int i : order) {
         out.keypoints.push_back(keypoints[i]);
         out.descriptors.push_back(descriptors.row(i));
@@ -369,6 +373,41 @@ Pool loadPool(int distractorsWanted) {
     return pool;
 }
 
+// The pool as PNG files and a list of counts in `dir`, so that runs trying a change skip making
+// it. Stale once validation or the installed pictures change: delete the folder then.
+std::optional<Pool> cachedPool(const fs::path& dir, int distractorsWanted) {
+    std::ifstream list(dir / "pool.txt");
+    std::size_t counts[4];
+    Pool pool;
+    if (!(list >> counts[0] >> counts[1] >> counts[2] >> counts[3] >> pool.dropped >>
+          pool.refused) ||
+        int(counts[3]) < distractorsWanted)
+        return std::nullopt;
+    std::vector<cv::Mat>* roles[] = {&pool.backgrounds, &pool.decoys, &pool.targets,
+                                     &pool.distractors};
+    for (int r = 0; r < 4; ++r)
+        for (std::size_t i = 0; i < counts[r]; ++i) {
+            cv::Mat picture = cv::imread((dir / cv::format("%d-%zu.png", r, i)).string());
+            if (picture.empty())
+                return std::nullopt;
+            roles[r]->push_back(picture);
+        }
+    return pool;
+}
+
+void keepPool(const fs::path& dir, const Pool& pool) {
+    fs::create_directories(dir);
+    const std::vector<cv::Mat>* roles[] = {&pool.backgrounds, &pool.decoys, &pool.targets,
+                                           &pool.distractors};
+    for (int r = 0; r < 4; ++r)
+        for (std::size_t i = 0; i < roles[r]->size(); ++i)
+            cv::imwrite((dir / cv::format("%d-%zu.png", r, i)).string(), (*roles[r])[i]);
+    // Written last: a run stopped halfway leaves no list, and the next one makes the pool anew.
+    std::ofstream(dir / "pool.txt")
+        << pool.backgrounds.size() << ' ' << pool.decoys.size() << ' ' << pool.targets.size() << ' '
+        << pool.distractors.size() << ' ' << pool.dropped << ' ' << pool.refused << '\n';
+}
+
 // ---- scripted frames ----
 
 struct Shot {
@@ -522,6 +561,10 @@ void printTally(const char* name, int targets, const Tally& t) {
 struct Options {
     bool quick = false;
     bool trackingOnly = false;
+    bool baseline = true;
+    int targets = 0;       // 0: 1, 8, 100 and 1000
+    std::string cache;     // folder that keeps the picture pool between runs
+    FILE* shots = nullptr; // one line per frame
 };
 
 void recognition(const Pool& pool, const Options& options, cv::Size resolution,
@@ -542,7 +585,9 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
         detail::Recognizer ours(references);
         double buildMs = ms(Clock::now() - started);
         started = Clock::now();
-        Baseline baseline(greys);
+        std::optional<Baseline> baseline;
+        if (options.baseline)
+            baseline.emplace(greys);
         double baselineBuildMs = ms(Clock::now() - started);
         auto shots = makeShots(pool, n, positives, negatives, resolution);
         Tally mine, plain;
@@ -555,12 +600,24 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
                 seen = {found[0].target, detail::frameCorners(found[0].alignment.homography,
                                                               ours.workingSize(found[0].target))};
             mine.add(shot, seen, t);
+            if (options.shots) {
+                bool hit = seen && seen->first == shot.target &&
+                           cornerError(seen->second, shot.corners) < 5;
+                std::fprintf(options.shots,
+                             "%dx%d targets %d frame %d target %d found %d size %.2f "
+                             "tilt %.1f motion blur %d ms %.2f\n",
+                             resolution.width, resolution.height, n, int(&shot - shots.data()),
+                             shot.target, hit, shot.size, shot.tilt, shot.motionBlur, t);
+            }
             // The baseline takes about a second a frame at a hundred targets and several at a
             // thousand: there, every fifth and every tenth frame.
-            if ((&shot - shots.data()) % (n >= 1000 ? 10 : n >= 100 ? 5 : 1) != 0)
+            if (!options.baseline || (&shot - shots.data()) % (n >= 1000  ? 10
+                                                               : n >= 100 ? 5
+                                                                          : 1) !=
+                                         0)
                 continue;
             started = Clock::now();
-            auto other = baseline.detect(shot.frame);
+            auto other = baseline->detect(shot.frame);
             t = ms(Clock::now() - started);
             seen.reset();
             if (other)
@@ -568,6 +625,11 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
             plain.add(shot, seen, t);
         }
         printTally("ours", n, mine);
+        if (!baseline) {
+            std::printf("  database build %.2f ms and %.1f KB per target\n", buildMs / n,
+                        ours.databaseBytes() / 1024.0 / n);
+            continue;
+        }
         printTally("baseline", n, plain);
         std::printf("  ratios: recall %.2fx, time %.2fx; database build %.2f ms and %.1f KB per "
                     "target (baseline build %.2f ms per target)\n",
@@ -752,19 +814,41 @@ void tracking(const Pool& pool, const Options& options,
 int main(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
-        if (std::string(argv[i]) == "--quick")
+        std::string arg = argv[i];
+        bool valued = i + 1 < argc;
+        if (arg == "--quick") {
             options.quick = true;
-        else if (std::string(argv[i]) == "--tracking")
+        } else if (arg == "--tracking") {
             options.trackingOnly = true;
-        else {
-            std::fprintf(stderr, "usage: ar_bench [--quick] [--tracking]\n");
+        } else if (arg == "--no-baseline") {
+            options.baseline = false;
+        } else if (arg == "--targets" && valued && std::atoi(argv[i + 1]) > 0) {
+            options.targets = std::atoi(argv[++i]);
+        } else if (arg == "--cache" && valued) {
+            options.cache = argv[++i];
+        } else if (arg == "--shots" && valued) {
+            options.shots = std::fopen(argv[++i], "w");
+            if (!options.shots) {
+                std::fprintf(stderr, "ar_bench: cannot write %s\n", argv[i]);
+                return 2;
+            }
+        } else {
+            std::fprintf(stderr, "usage: ar_bench [--quick | --tracking | --targets N] "
+                                 "[--no-baseline] [--cache DIR] [--shots FILE]\n");
             return 2;
         }
     }
     cv::setNumThreads(1);
     auto started = Clock::now();
     // Tracking needs the targets only, which come first whatever the number of distractors.
-    Pool pool = loadPool(options.quick || options.trackingOnly ? 0 : 900);
+    int distractors =
+        options.quick || options.trackingOnly ? 0 : std::max(900, options.targets - 100);
+    std::optional<Pool> cached;
+    if (!options.cache.empty())
+        cached = cachedPool(options.cache, distractors);
+    Pool pool = cached ? std::move(*cached) : loadPool(distractors);
+    if (!options.cache.empty() && !cached)
+        keepPool(options.cache, pool);
     std::printf(
         "Pictures: %zu backgrounds, %zu decoys, %zu targets, %zu distractors; %d dropped as "
         "copies or parts of others; %d photographs refused as targets by validation (%.1f s)\n",
@@ -783,6 +867,10 @@ int main(int argc, char** argv) {
         return 0;
     }
     graffiti();
+    if (options.targets > 0) {
+        recognition(pool, options, {640, 480}, {options.targets});
+        return 0;
+    }
     std::vector<int> sizes =
         options.quick ? std::vector<int>{1, 100} : std::vector<int>{1, 8, 100, 1000};
     recognition(pool, options, {640, 480}, sizes);
