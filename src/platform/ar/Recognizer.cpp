@@ -363,7 +363,7 @@ bool Recognizer::verify(const cv::Mat& grey, cv::Mat& halfGrey, int target,
     if (!looksAlike(halfGrey, target, guess))
         return false;
     alignment.homography = guess;
-    return refine(grey, target, alignment);
+    return refine(grey, target, alignment, settings_.minimumAffineCorrelation);
 }
 
 bool Recognizer::looksAlike(const cv::Mat& halfGrey, int target,
@@ -546,7 +546,8 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
 
 } // namespace
 
-bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) const {
+bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
+                        double minimumCorrelation) const {
     cv::Mat full = picture(target);
     double minimumArea = 0.002 * grey.total();
     double correlation = 0;
@@ -568,7 +569,7 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment) c
         if (moved < kConverged)
             break;
     }
-    return correlation >= settings_.minimumCorrelation;
+    return correlation >= minimumCorrelation;
 }
 
 } // namespace pelkit::ar::detail

@@ -28,12 +28,14 @@ struct RecognizerSettings {
     int keyBits = 10;   ///< bits of a descriptor that key a table, at least
     double ratio = 0.8; ///< a match or vote must be this much nearer than the runner-up
     int minimumInliers = 12;
+    double minimumCorrelation = 0.6; ///< of the aligned reference and frame
     /// Fewer matches than a homography needs can still place a small or blurred reference: an
     /// affine map of this many of them starts a refinement when the pictures look alike at a
-    /// glance (correlation of thumbnails).
+    /// glance (correlation of thumbnails), and the refined reference must then look more alike
+    /// than one placed by a homography: a board of squares fits another board of squares.
     int minimumAffineInliers = 6;
     double minimumGlanceCorrelation = 0.2;
-    double minimumCorrelation = 0.6; ///< of the aligned reference and frame
+    double minimumAffineCorrelation = 0.7;
 };
 
 /// Correspondences between a reference (in its working pixels) and a frame.
@@ -73,7 +75,9 @@ public:
                                   int count) const;
     /// Aligns reference `target` to `grey` starting from `alignment`, sub-pixel; false when the
     /// reference does not hold up there.
-    bool refine(const cv::Mat& grey, int target, Alignment& alignment) const;
+    bool refine(const cv::Mat& grey, int target, Alignment& alignment) const {
+        return refine(grey, target, alignment, settings_.minimumCorrelation);
+    }
 
     cv::Size workingSize(int target) const;
     std::size_t targetCount() const;
@@ -89,6 +93,8 @@ private:
     void matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const;
     bool verify(const cv::Mat& grey, cv::Mat& halfGrey, int target, Alignment& alignment) const;
     bool looksAlike(const cv::Mat& halfGrey, int target, const cv::Matx33d& homography) const;
+    bool refine(const cv::Mat& grey, int target, Alignment& alignment,
+                double minimumCorrelation) const;
     cv::Mat picture(int target) const;
 
     RecognizerSettings settings_;
