@@ -515,13 +515,14 @@ struct Tally {
     std::map<std::string, std::pair<int, int>> buckets; // found, total
     std::vector<double> errors, times;
 
-    void add(const Shot& shot, std::optional<std::pair<int, synthetic::Quad>> seen, double time) {
+    /// Counts one frame; whether its target was found.
+    bool add(const Shot& shot, std::optional<std::pair<int, synthetic::Quad>> seen, double time) {
         times.push_back(time);
         if (shot.target < 0) {
             ++negatives;
             falsePositives += seen.has_value();
             onEmpty += seen.has_value();
-            return;
+            return false;
         }
         ++positives;
         bool hit =
@@ -541,6 +542,7 @@ struct Tally {
         count(shot.motionBlur ? "motion blur" : "no motion blur");
         if (shot.size >= 0.35 && shot.tilt < 35 && !shot.motionBlur)
             count("moderate");
+        return hit;
     }
     double recall() const { return positives ? double(found) / positives : 0; }
 };
@@ -591,6 +593,7 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
         double baselineBuildMs = ms(Clock::now() - started);
         auto shots = makeShots(pool, n, positives, negatives, resolution);
         Tally mine, plain;
+        int baselineEvery = n >= 1000 ? 10 : n >= 100 ? 5 : 1;
         for (const auto& shot : shots) {
             started = Clock::now();
             auto found = ours.detect(shot.frame, {}, 1);
@@ -599,22 +602,16 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
             if (!found.empty())
                 seen = {found[0].target, detail::frameCorners(found[0].alignment.homography,
                                                               ours.workingSize(found[0].target))};
-            mine.add(shot, seen, t);
-            if (options.shots) {
-                bool hit = seen && seen->first == shot.target &&
-                           cornerError(seen->second, shot.corners) < 5;
+            bool hit = mine.add(shot, seen, t);
+            if (options.shots)
                 std::fprintf(options.shots,
                              "%dx%d targets %d frame %d target %d found %d size %.2f "
                              "tilt %.1f motion blur %d ms %.2f\n",
                              resolution.width, resolution.height, n, int(&shot - shots.data()),
                              shot.target, hit, shot.size, shot.tilt, shot.motionBlur, t);
-            }
             // The baseline takes about a second a frame at a hundred targets and several at a
             // thousand: there, every fifth and every tenth frame.
-            if (!options.baseline || (&shot - shots.data()) % (n >= 1000  ? 10
-                                                               : n >= 100 ? 5
-                                                                          : 1) !=
-                                         0)
+            if (!options.baseline || (&shot - shots.data()) % baselineEvery != 0)
                 continue;
             started = Clock::now();
             auto other = baseline->detect(shot.frame);

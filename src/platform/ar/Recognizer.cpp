@@ -46,17 +46,34 @@ double quadArea(const std::array<cv::Point2d, 4>& q) {
     return sum / 2;
 }
 
+// `picture` scaled by `scale`, at least `least` pixels a side.
+cv::Mat shrunk(const cv::Mat& picture, double scale, int least) {
+    cv::Mat out;
+    cv::resize(picture, out,
+               cv::Size(std::max(least, int(std::lround(picture.cols * scale))),
+                        std::max(least, int(std::lround(picture.rows * scale)))),
+               0, 0, cv::INTER_AREA);
+    return out;
+}
+
+// Maps the pixels of a picture shrunk to `small` onto those of its original of size `full`,
+// pixel centre to pixel centre.
+cv::Matx33d fromShrunk(cv::Size small, cv::Size full) {
+    double rx = double(small.width) / full.width, ry = double(small.height) / full.height;
+    return cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
+}
+
+// Normalised correlation of two float pictures whose means are already taken off.
+double correlationOf(const cv::Mat& a, const cv::Mat& b) {
+    return a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
+}
+
 } // namespace
 
 cv::Mat workingPicture(const ReferenceImage& reference) {
     cv::Mat grey = cvx::uprightGrey(reference);
     double scale = double(kWorkingSize) / std::max(grey.cols, grey.rows);
-    if (scale < 1)
-        cv::resize(grey, grey,
-                   cv::Size(std::max(1, int(std::lround(grey.cols * scale))),
-                            std::max(1, int(std::lround(grey.rows * scale)))),
-                   0, 0, cv::INTER_AREA);
-    return grey;
+    return scale < 1 ? shrunk(grey, scale, 1) : grey;
 }
 
 void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
@@ -150,12 +167,8 @@ Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
         orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20, keypoints,
                     descriptors);
         auto first = std::uint32_t(index_->descriptors.size());
-        double r = double(kThumbnailSize) / std::max(grey.cols, grey.rows);
-        cv::Mat thumbnail;
-        cv::resize(grey, thumbnail,
-                   cv::Size(std::max(8, int(std::lround(grey.cols * r))),
-                            std::max(8, int(std::lround(grey.rows * r)))),
-                   0, 0, cv::INTER_AREA);
+        cv::Mat thumbnail =
+            shrunk(grey, double(kThumbnailSize) / std::max(grey.cols, grey.rows), 8);
         targets_.push_back(
             {grey.size(), {first, first + std::uint32_t(descriptors.rows)}, thumbnail});
         for (int i = 0; i < descriptors.rows; ++i) {
@@ -369,23 +382,18 @@ bool Recognizer::verify(const cv::Mat& grey, cv::Mat& halfGrey, int target,
 bool Recognizer::looksAlike(const cv::Mat& halfGrey, int target,
                             const cv::Matx33d& homography) const {
     const Target& t = targets_[target];
-    double rx = double(t.thumbnail.cols) / t.working.width,
-           ry = double(t.thumbnail.rows) / t.working.height;
     // Pixel centres: thumbnail -> working picture -> frame -> half-size frame.
-    cv::Matx33d toWorking =
-        cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
     cv::Matx33d toHalf(0.5, 0, -0.25, 0, 0.5, -0.25, 0, 0, 1);
     cv::Mat seen;
-    cv::warpPerspective(halfGrey, seen, cv::Mat(toHalf * homography * toWorking),
-                        t.thumbnail.size(), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
-                        cv::BORDER_REPLICATE);
+    cv::warpPerspective(
+        halfGrey, seen, cv::Mat(toHalf * homography * fromShrunk(t.thumbnail.size(), t.working)),
+        t.thumbnail.size(), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
     cv::Mat a, b;
     t.thumbnail.convertTo(a, CV_32F);
     seen.convertTo(b, CV_32F);
     a -= cv::mean(a)[0];
     b -= cv::mean(b)[0];
-    double correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
-    return correlation >= settings_.minimumGlanceCorrelation;
+    return correlationOf(a, b) >= settings_.minimumGlanceCorrelation;
 }
 
 std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector<int>& skip,
@@ -465,14 +473,8 @@ ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homograp
     double seen = std::sqrt(std::abs(quadArea(corners)) / double(full.total()));
     double r = std::min(1.0, seen * 1.5);
     ScaledReference out;
-    out.picture = full;
-    if (r < 0.9)
-        cv::resize(full, out.picture,
-                   cv::Size(std::max(32, int(std::lround(full.cols * r))),
-                            std::max(32, int(std::lround(full.rows * r)))),
-                   0, 0, cv::INTER_AREA);
-    double rx = double(out.picture.cols) / full.cols, ry = double(out.picture.rows) / full.rows;
-    out.toWorking = cv::Matx33d(rx, 0, 0.5 * rx - 0.5, 0, ry, 0.5 * ry - 0.5, 0, 0, 1).inv();
+    out.picture = r < 0.9 ? shrunk(full, r, 32) : full;
+    out.toWorking = fromShrunk(out.picture.size(), full.size());
     int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
     cv::goodFeaturesToTrack(out.picture, out.points, 160, 0.01, spacing);
     cv::buildOpticalFlowPyramid(out.picture, out.pyramid, kWindow, kRefineLevels);
@@ -502,7 +504,7 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
     cv::resize(warped, b, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
     a.convertTo(a, CV_32F, 1, -mr[0]);
     b.convertTo(b, CV_32F, 1, -mr[0]);
-    correlation = a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
+    correlation = correlationOf(a, b);
 
     const auto& points = scaled.points;
     if (int(points.size()) < minimum)
