@@ -24,7 +24,7 @@ constexpr int kThumbnailSize = 64;   // pixels on a thumbnail's longer side
 constexpr double kConverged = 0.5;   // pixels a refinement pass moves the corners at most when done
 constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
 constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
-const cv::Size kWindow(15, 15);      // of Lucas-Kanade in a refinement pass
+const cv::Size kWindow(11, 11);      // of Lucas-Kanade in a refinement pass
 
 using Descriptor = std::array<std::uint64_t, 4>;
 
@@ -68,6 +68,48 @@ double correlationOf(const cv::Mat& a, const cv::Mat& b) {
     return a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
 }
 
+// Of ORB's keypoints on each pyramid level, the share of `features` that it would keep there
+// (the strongest), then the share of `extra` more where those are sparsest. Text and line
+// drawings around a photograph have far stronger corners than the photograph, and would
+// otherwise take nearly all of them.
+std::vector<cv::KeyPoint> spreadOut(const std::vector<cv::KeyPoint>& keypoints, cv::Size size,
+                                    int features, int extra) {
+    constexpr int kColumns = 8, kRows = 6;
+    auto cellOf = [&](cv::Point2f p) {
+        return std::clamp(int(p.y * kRows / size.height), 0, kRows - 1) * kColumns +
+               std::clamp(int(p.x * kColumns / size.width), 0, kColumns - 1);
+    };
+    std::vector<int> order(keypoints.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::ranges::sort(order, [&](int a, int b) {
+        if (keypoints[a].octave != keypoints[b].octave)
+            return keypoints[a].octave < keypoints[b].octave;
+        return keypoints[a].response > keypoints[b].response;
+    });
+    double all = double(std::max<std::size_t>(1, keypoints.size()));
+    std::vector<cv::KeyPoint> kept;
+    for (std::size_t from = 0, to = 0; from < order.size(); from = to) {
+        while (to < order.size() && keypoints[order[to]].octave == keypoints[order[from]].octave)
+            ++to;
+        auto strongest = std::size_t(std::lround(features * double(to - from) / all));
+        int more = int(std::lround(extra * double(to - from) / all));
+        int perCell = int(std::min(to - from, strongest + more)) / (kColumns * kRows);
+        std::array<int, kColumns * kRows> taken{};
+        std::size_t i = from;
+        for (; i < to && i - from < strongest; ++i) {
+            ++taken[cellOf(keypoints[order[i]].pt)];
+            kept.push_back(keypoints[order[i]]);
+        }
+        for (; i < to && more > 0; ++i)
+            if (int& inCell = taken[cellOf(keypoints[order[i]].pt)]; inCell < perCell) {
+                ++inCell;
+                --more;
+                kept.push_back(keypoints[order[i]]);
+            }
+    }
+    return kept;
+}
+
 } // namespace
 
 cv::Mat workingPicture(const ReferenceImage& reference) {
@@ -77,10 +119,17 @@ cv::Mat workingPicture(const ReferenceImage& reference) {
 }
 
 void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
-                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors) {
-    auto orb =
-        cv::ORB::create(features, 1.2f, levels, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, fastThreshold);
-    orb->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
+                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra) {
+    auto orb = cv::ORB::create(extra > 0 ? 2 * features : features, 1.2f, levels, 31, 0, 2,
+                               cv::ORB::HARRIS_SCORE, 31, fastThreshold);
+    if (extra > 0) {
+        // Twice as many found; only those kept are described.
+        orb->detect(grey, keypoints);
+        keypoints = spreadOut(keypoints, grey.size(), features, extra);
+        orb->compute(grey, keypoints, descriptors);
+    } else {
+        orb->detectAndCompute(grey, cv::noArray(), keypoints, descriptors);
+    }
     // OpenCV scales a coarse level's coordinates without the half-pixel shift between pixel
     // centres of the two levels, which puts them off by half a pixel per step of scale.
     for (auto& keypoint : keypoints)
@@ -402,7 +451,7 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
     // As many features per pixel at any resolution, up to a point.
     double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
     orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12,
-                lookup.keypoints, lookup.descriptors);
+                lookup.keypoints, lookup.descriptors, int(settings_.frameSpreadFeatures * pixels));
     if (count <= 0 || lookup.descriptors.rows < settings_.minimumInliers || targets_.empty())
         return {};
     lookup.votes.assign(targets_.size(), 0);

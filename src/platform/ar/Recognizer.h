@@ -20,6 +20,7 @@ struct RecognizerSettings {
     int referenceFeatures = 500;
     int referenceLevels = 12;
     int frameFeatures = 1500;
+    int frameSpreadFeatures = 225; ///< more, where the strongest are sparsest
     int frameLevels = 6;
     int candidates = 5;
     int exhaustiveCandidates = 3; ///< of them also matched feature by feature
@@ -54,9 +55,10 @@ struct Detection {
 cv::Mat workingPicture(const ReferenceImage& reference);
 constexpr int kWorkingSize = 640;
 
-/// ORB keypoints of `grey` whose positions are corrected for where OpenCV puts coarse-level ones.
+/// ORB keypoints of `grey` whose positions are corrected for where OpenCV puts coarse-level ones;
+/// with `extra`, that many more besides where the strongest `features` are sparsest.
 void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
-                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors);
+                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra = 0);
 
 /// The outer corners of a working picture mapped into the frame.
 std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working);
