@@ -118,9 +118,9 @@ cv::Mat workingPicture(const ReferenceImage& reference) {
     return scale < 1 ? shrunk(grey, scale, 1) : grey;
 }
 
-void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold,
+void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold, int edge,
                  std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra) {
-    auto orb = cv::ORB::create(extra > 0 ? 2 * features : features, 1.2f, levels, 31, 0, 2,
+    auto orb = cv::ORB::create(extra > 0 ? 2 * features : features, 1.2f, levels, edge, 0, 2,
                                cv::ORB::HARRIS_SCORE, 31, fastThreshold);
     if (extra > 0) {
         // Twice as many found; only those kept are described.
@@ -213,8 +213,8 @@ Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
         cv::Mat grey = workingPicture(*references[t]);
         std::vector<cv::KeyPoint> keypoints;
         cv::Mat descriptors;
-        orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20, keypoints,
-                    descriptors);
+        orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20,
+                    kReferenceEdge, keypoints, descriptors);
         auto first = std::uint32_t(index_->descriptors.size());
         cv::Mat thumbnail =
             shrunk(grey, double(kThumbnailSize) / std::max(grey.cols, grey.rows), 8);
@@ -450,7 +450,7 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
     Lookup lookup;
     // As many features per pixel at any resolution, up to a point.
     double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
-    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12,
+    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12, 31,
                 lookup.keypoints, lookup.descriptors, int(settings_.frameSpreadFeatures * pixels));
     if (count <= 0 || lookup.descriptors.rows < settings_.minimumInliers || targets_.empty())
         return {};
