@@ -124,6 +124,30 @@ TEST_F(ImageTrackerTest, TargetIsFoundWithItsCornersWhereTheScriptPutThem) {
     }
 }
 
+// A banner four times as wide as it is tall, seen 200 pixels wide: its reference is matched on
+// pyramid levels only a few dozen pixels tall.
+TEST_F(ImageTrackerTest, ALongStripIsFoundWhenSmall) {
+    auto picture = load("mandelbrot.jpg");
+    auto strip =
+        std::make_shared<image::Image>(image::Image::filled(picture->width, picture->width / 4));
+    for (int y = 0; y < strip->height; ++y)
+        std::copy_n(picture->pixel(0, (picture->height - strip->height) / 2 + y), strip->stride(),
+                    strip->pixel(0, y));
+    auto file = dir_ / "strip.png";
+    ASSERT_TRUE(writeFile(file, *image::encodePng(*strip)));
+    auto reference = ReferenceImage::create(strip, ImageOrientation::up, 0.2);
+    Corners corners{{{220, 200}, {420, 214}, {417, 264}, {217, 250}}};
+    auto results = run(format(R"({{{}, "duration": 0, "targets": [{{"image": "{}",
+            "keyframes": [{}]}}]}})",
+                              kCamera, file.string(), cornerKey(0, corners)),
+                       {demo("life.jpg"), reference});
+    ASSERT_EQ(results.size(), 1u);
+    ASSERT_EQ(results[0].images.size(), 1u) << "the strip is not found";
+    EXPECT_EQ(results[0].images[0].referenceImage, reference);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_LT(glm::distance(results[0].images[0].corners[i], corners[i]), 1.0) << i;
+}
+
 TEST_F(ImageTrackerTest, PoseFollowsTheAnchorConvention) {
     struct Case {
         glm::dvec3 position, rotation;
