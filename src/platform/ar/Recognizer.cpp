@@ -24,7 +24,11 @@ constexpr int kThumbnailSize = 64;   // pixels on a thumbnail's longer side
 constexpr double kConverged = 0.5;   // pixels a refinement pass moves the corners at most when done
 constexpr int kRefineLevels = 3;     // of Lucas-Kanade in a refinement pass, above the picture
 constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corner at most
-const cv::Size kWindow(11, 11);      // of Lucas-Kanade in a refinement pass
+// The edge a reference's features keep from its pyramid levels' edges. ORB's usual 31 pixels
+// leave the coarse levels, which match a reference seen small or a long strip seen at any size,
+// with few features or none; a descriptor reaching a little over the edge still matches.
+constexpr int kReferenceEdge = 16;
+const cv::Size kWindow(11, 11); // of Lucas-Kanade in a refinement pass
 
 using Descriptor = std::array<std::uint64_t, 4>;
 
@@ -110,16 +114,11 @@ std::vector<cv::KeyPoint> spreadOut(const std::vector<cv::KeyPoint>& keypoints, 
     return kept;
 }
 
-} // namespace
-
-cv::Mat workingPicture(const ReferenceImage& reference) {
-    cv::Mat grey = cvx::uprightGrey(reference);
-    double scale = double(kWorkingSize) / std::max(grey.cols, grey.rows);
-    return scale < 1 ? shrunk(grey, scale, 1) : grey;
-}
-
+// ORB keypoints of `grey` whose positions are corrected for where OpenCV puts coarse-level ones,
+// none within `edge` pixels of a level's edges; with `extra`, that many more besides where the
+// strongest `features` are sparsest.
 void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold, int edge,
-                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra) {
+                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra = 0) {
     auto orb = cv::ORB::create(extra > 0 ? 2 * features : features, 1.2f, levels, edge, 0, 2,
                                cv::ORB::HARRIS_SCORE, 31, fastThreshold);
     if (extra > 0) {
@@ -134,6 +133,20 @@ void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshol
     // centres of the two levels, which puts them off by half a pixel per step of scale.
     for (auto& keypoint : keypoints)
         keypoint.pt += cv::Point2f(0.5f, 0.5f) * (std::pow(1.2f, float(keypoint.octave)) - 1);
+}
+
+} // namespace
+
+cv::Mat workingPicture(const ReferenceImage& reference) {
+    cv::Mat grey = cvx::uprightGrey(reference);
+    double scale = double(kWorkingSize) / std::max(grey.cols, grey.rows);
+    return scale < 1 ? shrunk(grey, scale, 1) : grey;
+}
+
+void referenceFeatures(const cv::Mat& working, const RecognizerSettings& settings,
+                       std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors) {
+    orbFeatures(working, settings.referenceFeatures, settings.referenceLevels, 20, kReferenceEdge,
+                keypoints, descriptors);
 }
 
 std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working) {
@@ -213,8 +226,7 @@ Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
         cv::Mat grey = workingPicture(*references[t]);
         std::vector<cv::KeyPoint> keypoints;
         cv::Mat descriptors;
-        orbFeatures(grey, settings_.referenceFeatures, settings_.referenceLevels, 20,
-                    kReferenceEdge, keypoints, descriptors);
+        referenceFeatures(grey, settings_, keypoints, descriptors);
         auto first = std::uint32_t(index_->descriptors.size());
         cv::Mat thumbnail =
             shrunk(grey, double(kThumbnailSize) / std::max(grey.cols, grey.rows), 8);

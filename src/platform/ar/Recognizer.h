@@ -55,16 +55,9 @@ struct Detection {
 cv::Mat workingPicture(const ReferenceImage& reference);
 constexpr int kWorkingSize = 640;
 
-/// ORB keypoints of `grey` whose positions are corrected for where OpenCV puts coarse-level ones,
-/// none within `edge` pixels of a level's edges; with `extra`, that many more besides where the
-/// strongest `features` are sparsest.
-void orbFeatures(const cv::Mat& grey, int features, int levels, int fastThreshold, int edge,
-                 std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, int extra = 0);
-
-/// The edge a reference's features keep from its pyramid levels' edges. ORB's usual 31 pixels
-/// leave the coarse levels, which match a reference seen small or a long strip seen at any size,
-/// with few features or none; a descriptor reaching a little over the edge still matches.
-constexpr int kReferenceEdge = 16;
+/// The ORB features the database keeps of a reference's working picture.
+void referenceFeatures(const cv::Mat& working, const RecognizerSettings& settings,
+                       std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors);
 
 /// The outer corners of a working picture mapped into the frame.
 std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working);

@@ -100,7 +100,7 @@ void ReferenceImage::validate(std::function<void(ErrorPtr)> completion) const {
         std::vector<cv::KeyPoint> keypoints;
         cv::Mat descriptors;
         cv::Mat working = detail::workingPicture(*self);
-        detail::orbFeatures(working, 500, 12, 20, detail::kReferenceEdge, keypoints, descriptors);
+        detail::referenceFeatures(working, {}, keypoints, descriptors);
         if (keypoints.size() < std::size_t(kMinimumFeatures))
             return completion(unusable(
                 "the image has too little detail to track: " + std::to_string(keypoints.size()) +
