@@ -1,5 +1,6 @@
 #include "Recognizer.h"
 
+#include "Hamming.h"
 #include "OpenCv.h"
 
 #include <opencv2/calib3d.hpp>
@@ -29,13 +30,6 @@ constexpr double kFurthestMove = 20; // pixels a refinement pass follows a corne
 // with few features or none; a descriptor reaching a little over the edge still matches.
 constexpr int kReferenceEdge = 16;
 const cv::Size kWindow(11, 11); // of Lucas-Kanade in a refinement pass
-
-using Descriptor = std::array<std::uint64_t, 4>;
-
-int distance(const Descriptor& a, const Descriptor& b) {
-    return std::popcount(a[0] ^ b[0]) + std::popcount(a[1] ^ b[1]) + std::popcount(a[2] ^ b[2]) +
-           std::popcount(a[3] ^ b[3]);
-}
 
 Descriptor descriptorAt(const cv::Mat& descriptors, int row) {
     Descriptor d;
@@ -216,6 +210,7 @@ struct Recognizer::Index {
 struct Recognizer::Target {
     cv::Size working;
     std::pair<std::uint32_t, std::uint32_t> features; // its range in the index
+    DescriptorSet descriptors;                        // the same, for matching one by one
     cv::Mat thumbnail;                                // the working picture, small
 };
 
@@ -230,13 +225,15 @@ Recognizer::Recognizer(const std::vector<ReferenceImagePtr>& references,
         auto first = std::uint32_t(index_->descriptors.size());
         cv::Mat thumbnail =
             shrunk(grey, double(kThumbnailSize) / std::max(grey.cols, grey.rows), 8);
-        targets_.push_back(
-            {grey.size(), {first, first + std::uint32_t(descriptors.rows)}, thumbnail});
         for (int i = 0; i < descriptors.rows; ++i) {
             index_->descriptors.push_back(descriptorAt(descriptors, i));
             index_->owner.push_back(std::uint32_t(t));
             index_->points.push_back(keypoints[i].pt);
         }
+        targets_.push_back({grey.size(),
+                            {first, first + std::uint32_t(descriptors.rows)},
+                            DescriptorSet(std::span(index_->descriptors).subspan(first)),
+                            thumbnail});
     }
     index_->build(settings_.tables, settings_.keyBits);
 }
@@ -257,7 +254,7 @@ std::size_t Recognizer::databaseBytes() const {
     for (int t = 0; t < index_->tables; ++t)
         bytes += index_->entries[t].size() * 4 + index_->offsets[t].size() * 4;
     for (const auto& target : targets_)
-        bytes += target.thumbnail.total();
+        bytes += target.thumbnail.total() + target.descriptors.bytes();
     return bytes + targets_.size() * sizeof(Target);
 }
 
@@ -266,22 +263,6 @@ namespace {
 struct Hit {
     std::uint32_t id;
     int distance;
-};
-
-// The better two of a set of hits, for a ratio test.
-struct BestTwo {
-    Hit first{0, 1 << 20}, second{0, 1 << 20};
-    void add(Hit hit) {
-        if (hit.distance < first.distance) {
-            second = first;
-            first = hit;
-        } else if (hit.distance < second.distance) {
-            second = hit;
-        }
-    }
-    bool distinct(double ratio) const {
-        return first.distance <= kMaximumDistance && first.distance < ratio * second.distance;
-    }
 };
 
 } // namespace
@@ -380,26 +361,23 @@ void Recognizer::lookUp(Lookup& lookup) const {
 void Recognizer::matchFromHits(const Lookup& lookup, int target, Alignment& alignment) const {
     const auto [begin, end] = targets_[target].features;
     for (int i = 0; i < lookup.descriptors.rows; ++i) {
-        BestTwo best;
+        NearestTwo best;
         for (auto h = lookup.first[i]; h < lookup.first[i + 1]; ++h)
             if (lookup.hits[h].id >= begin && lookup.hits[h].id < end)
-                best.add(lookup.hits[h]);
-        if (best.distinct(settings_.ratio)) {
-            alignment.referencePoints.push_back(index_->points[best.first.id]);
+                best.add(lookup.hits[h].id, lookup.hits[h].distance);
+        if (best.distinct(settings_.ratio, kMaximumDistance)) {
+            alignment.referencePoints.push_back(index_->points[best.first]);
             alignment.framePoints.push_back(lookup.keypoints[i].pt);
         }
     }
 }
 
 void Recognizer::matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const {
-    const auto [begin, end] = targets_[target].features;
+    const Target& t = targets_[target];
     for (int i = 0; i < lookup.descriptors.rows; ++i) {
-        Descriptor d = descriptorAt(lookup.descriptors, i);
-        BestTwo best;
-        for (auto id = begin; id < end; ++id)
-            best.add({id, distance(d, index_->descriptors[id])});
-        if (best.distinct(settings_.ratio)) {
-            alignment.referencePoints.push_back(index_->points[best.first.id]);
+        auto nearest = t.descriptors.nearestTwo(descriptorAt(lookup.descriptors, i));
+        if (nearest.distinct(settings_.ratio, kMaximumDistance)) {
+            alignment.referencePoints.push_back(index_->points[t.features.first + nearest.first]);
             alignment.framePoints.push_back(lookup.keypoints[i].pt);
         }
     }
