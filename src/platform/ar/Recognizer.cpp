@@ -20,6 +20,10 @@ namespace {
 constexpr int kMaximumTables = 32;
 constexpr int kMaximumKeyBits = 20;
 constexpr int kMaximumDistance = 64; // bits of 256: beyond this a match is chance
+// A bucket holding more descriptors than this keys a pattern that many pictures share (flat
+// shading, strokes of text): it says little of which picture is there, and costs the most to
+// look through. Its descriptors are still found through the other tables when near.
+constexpr std::uint32_t kCrowdedBucket = 16;
 constexpr std::size_t kCachedPictures = 16;
 constexpr int kThumbnailSize = 64;   // pixels on a thumbnail's longer side
 constexpr double kConverged = 0.5;   // pixels a refinement pass moves the corners at most when done
@@ -341,6 +345,8 @@ void Recognizer::lookUp(Lookup& lookup) const {
             }
             for (int t = 0; t < tables; ++t) {
                 auto k = keys[b][t];
+                if (index_->offsets[t][k + 1] - index_->offsets[t][k] > kCrowdedBucket)
+                    continue;
                 for (auto e = index_->offsets[t][k]; e < index_->offsets[t][k + 1]; ++e) {
                     auto id = index_->entries[t][e];
                     if (visited[id] == generation)
