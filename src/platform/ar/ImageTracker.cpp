@@ -39,14 +39,15 @@ constexpr std::size_t kFollowedPoints = 64;
 
 using Pyramid = std::vector<cv::Mat>;
 
-Pyramid pyramidOf(const cv::Mat& grey) {
-    Pyramid pyramid;
+// Built into `pyramid`'s own buffers where it can.
+void buildPyramid(const cv::Mat& grey, Pyramid& pyramid) {
     // Motion in pixels grows with the resolution: one more level for each doubling.
     int levels = kPyramidLevels;
     for (int width = grey.cols; width > 900; width /= 2)
         ++levels;
+    for (auto& level : pyramid)
+        cvx::reclaim(level);
     cv::buildOpticalFlowPyramid(grey, pyramid, kWindow, levels);
-    return pyramid;
 }
 
 double area(const std::array<cv::Point2d, 4>& q) {
@@ -134,8 +135,8 @@ glm::dmat4 poseOf(const std::array<glm::dvec2, 4>& corners, glm::dvec2 size,
     return out;
 }
 
-// Judged on the pyramid's level nearest 320 pixels wide.
-FrameQuality qualityOf(const Pyramid& pyramid, int frameIndex) {
+// Judged on the pyramid's level nearest 320 pixels wide; `laplacian` is a buffer to reuse.
+FrameQuality qualityOf(const Pyramid& pyramid, int frameIndex, cv::Mat& laplacian) {
     if (frameIndex < kInitializingFrames)
         return FrameQuality::initializing;
     std::size_t level = 0;
@@ -147,7 +148,6 @@ FrameQuality qualityOf(const Pyramid& pyramid, int frameIndex) {
     if (corners.size() < 30)
         return FrameQuality::insufficientFeatures;
     // A blurred frame loses its fine detail: little second-derivative energy for its contrast.
-    cv::Mat laplacian;
     cv::Laplacian(small, laplacian, CV_32F);
     cv::Scalar mean, deviation;
     cv::meanStdDev(laplacian, mean, deviation);
@@ -182,8 +182,12 @@ public:
     }
 
     TrackingResult process(const CameraFrame& frame) override {
-        cv::Mat grey = cvx::grey(*frame.image);
-        Pyramid pyramid = pyramidOf(grey);
+        // A frame is converted into the buffers of the one before last: allocating them anew
+        // costs more than the conversion where each new page of memory is a fault.
+        cvx::grey(*frame.image, grey_);
+        const cv::Mat& grey = grey_;
+        Pyramid pyramid = std::move(spare_);
+        buildPyramid(grey, pyramid);
         followTracked(grey, pyramid);
         if (mode_ == RecognitionMode::background) {
             adoptFound(pyramid);
@@ -197,9 +201,10 @@ public:
         TrackingResult result;
         // How a camera's frames look changes slowly; judging every few frames is enough.
         if (frameIndex_ % kJudgeQualityEvery == 0 || frameIndex_ < kInitializingFrames)
-            quality_ = qualityOf(pyramid, frameIndex_);
+            quality_ = qualityOf(pyramid, frameIndex_, laplacian_);
         ++frameIndex_;
         result.quality = quality_;
+        spare_ = std::move(previous_);
         previous_ = std::move(pyramid);
         for (const auto& tracked : tracked_)
             result.images.push_back(observation(tracked, frame.intrinsics));
@@ -321,7 +326,8 @@ private:
     std::shared_ptr<const Recognizer> recognizer_;
     std::shared_ptr<WorkerState> worker_;
     std::vector<Tracked> tracked_;
-    Pyramid previous_;
+    Pyramid previous_, spare_;
+    cv::Mat grey_, laplacian_;
     int frameIndex_ = 0;
     FrameQuality quality_ = FrameQuality::initializing;
     // Last, so it is joined before the state its work items share is released.

@@ -15,8 +15,20 @@ cv::Mat wrap(const image::Image& image) {
 
 cv::Mat grey(const image::Image& image) {
     cv::Mat out;
-    cv::cvtColor(wrap(image), out, cv::COLOR_RGBA2GRAY);
+    grey(image, out);
     return out;
+}
+
+void grey(const image::Image& image, cv::Mat& out) {
+    reclaim(out);
+    cv::cvtColor(wrap(image), out, cv::COLOR_RGBA2GRAY);
+}
+
+void reclaim(cv::Mat& buffer) {
+    // Others only ever let go of their share, so a count of one cannot rise again; acquiring it
+    // orders their last reads before our writes.
+    if (buffer.u && __atomic_load_n(&buffer.u->refcount, __ATOMIC_ACQUIRE) > 1)
+        buffer.release();
 }
 
 cv::Mat bgr(const image::Image& image) {
