@@ -802,10 +802,13 @@ void tracking(const Pool& pool, const Options& options,
             }
             neverFound += !found;
         }
+        double mean = std::accumulate(times.begin(), times.end(), 0.0) /
+                      double(std::max<std::size_t>(1, times.size()));
         std::printf("  moving %dx%d: %.1f%% of %d frames tracked within 5 px, median corner error "
-                    "%.2f px, %.2f ms per tracked image per frame\n",
+                    "%.2f px, %.2f ms per tracked image per frame (mean %.2f ms, with the "
+                    "re-alignments)\n",
                     resolution.width, resolution.height, 100.0 * good / total, total,
-                    median(errors), median(times));
+                    median(errors), median(times), mean);
         std::printf("    once found: %.1f%% of %d frames; never found: %d of the sequences\n",
                     100.0 * goodAfter / std::max(1, after), after, neverFound);
         std::fflush(stdout);

@@ -503,21 +503,27 @@ cv::Mat Recognizer::picture(int target) const {
     return made;
 }
 
-namespace {
-
 // The reference at about the scale it is seen at in the frame, and the corners to follow in it.
 struct ScaledReference {
+    double scale = 1; // of the working picture
     cv::Mat picture;
     std::vector<cv::Mat> pyramid; // for Lucas-Kanade, with derivatives, shared by the passes
     cv::Matx33d toWorking;        // the scaled picture's pixels -> working pixels
     std::vector<cv::Point2f> points;
 };
 
-ScaledReference scaledReference(const cv::Mat& full, const cv::Matx33d& homography) {
-    auto corners = frameCorners(homography, full.size());
-    double seen = std::sqrt(std::abs(quadArea(corners)) / double(full.total()));
-    double r = std::min(1.0, seen * 1.5);
+namespace {
+
+// A reference is refined a little finer than the frame shows it, never finer than its own.
+double refinementScale(cv::Size working, const cv::Matx33d& homography) {
+    auto corners = frameCorners(homography, working);
+    double seen = std::sqrt(std::abs(quadArea(corners)) / double(working.area()));
+    return std::min(1.0, seen * 1.5);
+}
+
+ScaledReference scaledReference(const cv::Mat& full, double r) {
     ScaledReference out;
+    out.scale = r;
     out.picture = r < 0.9 ? shrunk(full, r, 32) : full;
     out.toWorking = fromShrunk(out.picture.size(), full.size());
     int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
@@ -594,19 +600,29 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
 } // namespace
 
 bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
-                        double minimumCorrelation) const {
-    cv::Mat full = picture(target);
+                        double minimumCorrelation, RefinementCache* cache) const {
+    const cv::Size working = targets_[target].working;
     double minimumArea = 0.002 * grey.total();
     double correlation = 0;
     // The scale and corners chosen for the starting guess serve both passes: the second starts
-    // within a pixel or two of the first's result.
-    auto scaled = scaledReference(full, alignment.homography);
+    // within a pixel or two of the first's result. A caller's cache serves while the scale is
+    // within a quarter of its own.
+    double r = refinementScale(working, alignment.homography);
+    std::shared_ptr<const ScaledReference> scaled;
+    if (cache && cache->target == target && cache->scaled &&
+        std::abs(std::log(cache->scaled->scale / r)) < std::log(1.25)) {
+        scaled = cache->scaled;
+    } else {
+        scaled = std::make_shared<ScaledReference>(scaledReference(picture(target), r));
+        if (cache)
+            *cache = {target, scaled};
+    }
     for (int pass = 0; pass < 2; ++pass) {
-        auto before = frameCorners(alignment.homography, full.size());
-        if (!alignOnce(grey, scaled, pass == 0 ? kRefineLevels : 2, alignment,
+        auto before = frameCorners(alignment.homography, working);
+        if (!alignOnce(grey, *scaled, pass == 0 ? kRefineLevels : 2, alignment,
                        settings_.minimumInliers, settings_.minimumCorrelation, correlation))
             return false;
-        auto after = frameCorners(alignment.homography, full.size());
+        auto after = frameCorners(alignment.homography, working);
         if (!plausible(after, minimumArea))
             return false;
         // A pass that hardly moved the corners started where it ended: another would too.

@@ -51,6 +51,16 @@ struct Detection {
     Alignment alignment;
 };
 
+struct ScaledReference; // a reference made ready for refinement, at one scale
+
+/// What refinement made ready of a reference, kept between calls by one that refines the same
+/// reference again and again (a tracker): used again while the reference is seen at about the
+/// same scale.
+struct RefinementCache {
+    int target = -1;
+    std::shared_ptr<const ScaledReference> scaled;
+};
+
 /// A reference as the recogniser sees it: grey, upright, at most `kWorkingSize` pixels a side.
 cv::Mat workingPicture(const ReferenceImage& reference);
 constexpr int kWorkingSize = 640;
@@ -75,9 +85,10 @@ public:
     std::vector<Detection> detect(const cv::Mat& grey, const std::vector<int>& skip,
                                   int count) const;
     /// Aligns reference `target` to `grey` starting from `alignment`, sub-pixel; false when the
-    /// reference does not hold up there.
-    bool refine(const cv::Mat& grey, int target, Alignment& alignment) const {
-        return refine(grey, target, alignment, settings_.minimumCorrelation);
+    /// reference does not hold up there. `cache`, when given, is the caller's own.
+    bool refine(const cv::Mat& grey, int target, Alignment& alignment,
+                RefinementCache* cache = nullptr) const {
+        return refine(grey, target, alignment, settings_.minimumCorrelation, cache);
     }
 
     cv::Size workingSize(int target) const;
@@ -94,8 +105,8 @@ private:
     void matchExhaustively(const Lookup& lookup, int target, Alignment& alignment) const;
     bool verify(const cv::Mat& grey, cv::Mat& halfGrey, int target, Alignment& alignment) const;
     bool looksAlike(const cv::Mat& halfGrey, int target, const cv::Matx33d& homography) const;
-    bool refine(const cv::Mat& grey, int target, Alignment& alignment,
-                double minimumCorrelation) const;
+    bool refine(const cv::Mat& grey, int target, Alignment& alignment, double minimumCorrelation,
+                RefinementCache* cache = nullptr) const;
     cv::Mat picture(int target) const;
 
     RecognizerSettings settings_;
