@@ -609,9 +609,10 @@ void recognition(const Pool& pool, const Options& options, cv::Size resolution,
             if (options.shots)
                 std::fprintf(options.shots,
                              "%dx%d targets %d frame %d target %d found %d size %.2f "
-                             "tilt %.1f motion blur %d ms %.2f\n",
+                             "tilt %.1f motion blur %d ms %.2f seen %d\n",
                              resolution.width, resolution.height, n, int(&shot - shots.data()),
-                             shot.target, hit, shot.size, shot.tilt, shot.motionBlur, t);
+                             shot.target, hit, shot.size, shot.tilt, shot.motionBlur, t,
+                             seen ? seen->first : -1);
             // The baseline takes about a second a frame at a hundred targets and several at a
             // thousand: there, every fifth and every tenth frame.
             if (!options.baseline || (&shot - shots.data()) % baselineEvery != 0)
