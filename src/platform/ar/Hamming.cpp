@@ -48,10 +48,10 @@ nearestTwoAvx512(const std::uint64_t* words, std::size_t count, const Descriptor
         if (std::size_t left = count - b * 8; left < 8)
             dist = _mm512_mask_mov_epi64(dist, __mmask8(0xff << left), far);
         __mmask8 nearer = _mm512_cmplt_epi64_mask(dist, first);
-        __mmask8 second2 = _mm512_cmplt_epi64_mask(dist, second);
+        __mmask8 nearerThanSecond = _mm512_cmplt_epi64_mask(dist, second);
         // Nearer than the first: the first becomes the second. Else nearer than the second: it is.
-        second = _mm512_mask_mov_epi64(second, second2, dist);
-        secondAt = _mm512_mask_mov_epi64(secondAt, second2, at);
+        second = _mm512_mask_mov_epi64(second, nearerThanSecond, dist);
+        secondAt = _mm512_mask_mov_epi64(secondAt, nearerThanSecond, at);
         second = _mm512_mask_mov_epi64(second, nearer, first);
         secondAt = _mm512_mask_mov_epi64(secondAt, nearer, firstAt);
         first = _mm512_mask_mov_epi64(first, nearer, dist);
