@@ -9,12 +9,22 @@
 namespace pelkit::ar::detail {
 namespace {
 
+// Descriptors go in blocks of eight: the first words of the eight, then their second words, ...
+constexpr std::size_t kLanes = 8;
+constexpr std::size_t kWords = std::tuple_size_v<Descriptor>;
+constexpr std::size_t kBlock = kWords * kLanes; // words a block takes
+
+// Where word `w` of descriptor `i` is kept.
+constexpr std::size_t placeOf(std::size_t i, std::size_t w) {
+    return i / kLanes * kBlock + w * kLanes + i % kLanes;
+}
+
 NearestTwo nearestTwoPortable(const std::uint64_t* words, std::size_t count, const Descriptor& d) {
     NearestTwo best;
     for (std::size_t i = 0; i < count; ++i) {
-        const std::uint64_t* block = words + (i / 8) * 32 + i % 8;
-        int dist = std::popcount(block[0] ^ d[0]) + std::popcount(block[8] ^ d[1]) +
-                   std::popcount(block[16] ^ d[2]) + std::popcount(block[24] ^ d[3]);
+        int dist = 0;
+        for (std::size_t w = 0; w < kWords; ++w)
+            dist += std::popcount(words[placeOf(i, w)] ^ d[w]);
         best.add(std::uint32_t(i), dist);
     }
     return best;
@@ -22,6 +32,8 @@ NearestTwo nearestTwoPortable(const std::uint64_t* words, std::size_t count, con
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #define PELKIT_HAMMING_AVX512 1
+
+static_assert(kLanes == 8 && kWords == 4, "a block is four registers of eight words");
 
 // Each lane keeps the nearest two of the descriptors it sees (every eighth); the lanes' sixteen
 // are merged at the end. Padding lanes of the last block are never taken.
@@ -35,17 +47,17 @@ nearestTwoAvx512(const std::uint64_t* words, std::size_t count, const Descriptor
     __m512i first = far, second = far, firstAt = _mm512_setzero_si512(), secondAt = firstAt;
     __m512i at = _mm512_set_epi64(7, 6, 5, 4, 3, 2, 1, 0);
     const __m512i step = _mm512_set1_epi64(8);
-    std::size_t blocks = (count + 7) / 8;
+    std::size_t blocks = (count + kLanes - 1) / kLanes;
     for (std::size_t b = 0; b < blocks; ++b, at = _mm512_add_epi64(at, step)) {
-        const std::uint64_t* block = words + b * 32;
+        const std::uint64_t* block = words + b * kBlock;
         __m512i dist = _mm512_add_epi64(
             _mm512_add_epi64(
                 _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block), d0)),
-                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + 8), d1))),
+                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + kLanes), d1))),
             _mm512_add_epi64(
-                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + 16), d2)),
-                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + 24), d3))));
-        if (std::size_t left = count - b * 8; left < 8)
+                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + 2 * kLanes), d2)),
+                _mm512_popcnt_epi64(_mm512_xor_si512(_mm512_loadu_si512(block + 3 * kLanes), d3))));
+        if (std::size_t left = count - b * kLanes; left < kLanes)
             dist = _mm512_mask_mov_epi64(dist, __mmask8(0xff << left), far);
         __mmask8 nearer = _mm512_cmplt_epi64_mask(dist, first);
         __mmask8 nearerThanSecond = _mm512_cmplt_epi64_mask(dist, second);
@@ -86,10 +98,10 @@ bool hasAvx512() {
 } // namespace
 
 DescriptorSet::DescriptorSet(std::span<const Descriptor> descriptors)
-    : count_(descriptors.size()), words_((descriptors.size() + kLanes - 1) / kLanes * 4 * kLanes) {
+    : count_(descriptors.size()), words_((descriptors.size() + kLanes - 1) / kLanes * kBlock) {
     for (std::size_t i = 0; i < descriptors.size(); ++i)
-        for (int w = 0; w < 4; ++w)
-            words_[(i / kLanes) * 4 * kLanes + w * kLanes + i % kLanes] = descriptors[i][w];
+        for (std::size_t w = 0; w < kWords; ++w)
+            words_[placeOf(i, w)] = descriptors[i][w];
 }
 
 NearestTwo DescriptorSet::nearestTwo(const Descriptor& d) const {

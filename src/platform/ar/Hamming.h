@@ -52,10 +52,8 @@ public:
     std::size_t bytes() const { return words_.size() * sizeof(std::uint64_t); }
 
 private:
-    static constexpr int kLanes = 8;
     std::size_t count_ = 0;
-    // Block b holds descriptors 8b .. 8b + 7: their first words, then their second words, ...
-    std::vector<std::uint64_t> words_;
+    std::vector<std::uint64_t> words_; // in blocks of eight descriptors, word by word
 };
 
 } // namespace pelkit::ar::detail
