@@ -70,6 +70,32 @@ double correlationOf(const cv::Mat& a, const cv::Mat& b) {
     return a.dot(b) / std::max(1e-6, std::sqrt(a.dot(a) * b.dot(b)));
 }
 
+// The least correlation of `a` and `b` (floats) over the cells of a 4x4 grid where `a` has
+// detail, when that is at most three quarters of them; 1 when detail is all over `a`.
+double weakestPartCorrelation(const cv::Mat& a, const cv::Mat& b) {
+    constexpr int kCells = 4;
+    std::array<cv::Mat, kCells * kCells> as, bs;
+    std::array<double, kCells * kCells> variance{};
+    double total = 0;
+    for (int i = 0; i < kCells * kCells; ++i) {
+        int x = i % kCells, y = i / kCells;
+        cv::Rect cell(x * a.cols / kCells, y * a.rows / kCells, a.cols / kCells, a.rows / kCells);
+        as[i] = a(cell) - cv::mean(a(cell))[0];
+        bs[i] = b(cell) - cv::mean(b(cell))[0];
+        variance[i] = as[i].dot(as[i]);
+        total += variance[i];
+    }
+    // A cell with a quarter of the mean cell's variance has detail; plainer ones cannot tell.
+    double weakest = 1;
+    int detailed = 0;
+    for (int i = 0; i < kCells * kCells; ++i)
+        if (variance[i] > 0.25 * total / (kCells * kCells)) {
+            ++detailed;
+            weakest = std::min(weakest, correlationOf(as[i], bs[i]));
+        }
+    return detailed <= kCells * kCells * 3 / 4 ? weakest : 1;
+}
+
 // Of ORB's keypoints on each pyramid level, the share of `features` that it would keep there
 // (the strongest), then the share of `extra` more where those are sparsest. Text and line
 // drawings around a photograph have far stronger corners than the photograph, and would
@@ -535,7 +561,8 @@ ScaledReference scaledReference(const cv::Mat& full, double r) {
 // One pass of refinement: the frame warped into the scaled reference's pixels, its corners
 // followed into it with Lucas-Kanade, homography refitted.
 bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
-               Alignment& alignment, int minimum, double likeness, double& correlation) {
+               Alignment& alignment, int minimum, double likeness, double& correlation,
+               double& weakestPart) {
     const cv::Mat& reference = scaled.picture;
     cv::Matx33d toFrame = alignment.homography * scaled.toWorking;
     cv::Mat warped;
@@ -556,6 +583,7 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
     a.convertTo(a, CV_32F, 1, -mr[0]);
     b.convertTo(b, CV_32F, 1, -mr[0]);
     correlation = correlationOf(a, b);
+    weakestPart = weakestPartCorrelation(a, b);
 
     const auto& points = scaled.points;
     if (int(points.size()) < minimum)
@@ -603,7 +631,7 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
                         double minimumCorrelation, RefinementCache* cache) const {
     const cv::Size working = targets_[target].working;
     double minimumArea = 0.002 * grey.total();
-    double correlation = 0;
+    double correlation = 0, weakestPart = 0;
     // The scale and corners chosen for the starting guess serve both passes: the second starts
     // within a pixel or two of the first's result. A caller's cache serves while the scale is
     // within a quarter of its own.
@@ -620,7 +648,8 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
     for (int pass = 0; pass < 2; ++pass) {
         auto before = frameCorners(alignment.homography, working);
         if (!alignOnce(grey, *scaled, pass == 0 ? kRefineLevels : 2, alignment,
-                       settings_.minimumInliers, settings_.minimumCorrelation, correlation))
+                       settings_.minimumInliers, settings_.minimumCorrelation, correlation,
+                       weakestPart))
             return false;
         auto after = frameCorners(alignment.homography, working);
         if (!plausible(after, minimumArea))
@@ -632,7 +661,8 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
         if (moved < kConverged)
             break;
     }
-    return correlation >= minimumCorrelation;
+    return correlation >= minimumCorrelation && (correlation >= settings_.minimumOverallLikeness ||
+                                                 weakestPart >= settings_.minimumPartCorrelation);
 }
 
 } // namespace pelkit::ar::detail

@@ -37,6 +37,11 @@ struct RecognizerSettings {
     int minimumAffineInliers = 6;
     double minimumGlanceCorrelation = 0.2;
     double minimumAffineCorrelation = 0.7;
+    /// A reference whose detail lies in a few parts (a board on a plain table) earns its
+    /// correlation there alone, and another board fits it there well enough: unless the
+    /// pictures look this alike overall, each part with detail must look like the frame too.
+    double minimumOverallLikeness = 0.8;
+    double minimumPartCorrelation = 0.4;
 };
 
 /// Correspondences between a reference (in its working pixels) and a frame.
