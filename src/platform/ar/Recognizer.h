@@ -26,7 +26,7 @@ struct RecognizerSettings {
     int exhaustiveCandidates = 3; ///< of them also matched feature by feature
     double minimumVotes = 4;
     int tables = 10;    ///< hash tables of the index
-    int keyBits = 10;   ///< bits of a descriptor that key a table, at least
+    int keyBits = 9;    ///< bits of a descriptor that key a table, at least
     double ratio = 0.8; ///< a match or vote must be this much nearer than the runner-up
     int minimumInliers = 12;
     double minimumCorrelation = 0.6; ///< of the aligned reference and frame
