@@ -559,10 +559,12 @@ ScaledReference scaledReference(const cv::Mat& full, double r) {
 }
 
 // One pass of refinement: the frame warped into the scaled reference's pixels, its corners
-// followed into it with Lucas-Kanade, homography refitted.
+// followed into it with Lucas-Kanade, homography refitted. `weakestPart` is 1 when the two look
+// alike enough overall that their parts need not be asked.
 bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
-               Alignment& alignment, int minimum, double likeness, double& correlation,
+               const RecognizerSettings& settings, Alignment& alignment, double& correlation,
                double& weakestPart) {
+    const int minimum = settings.minimumInliers;
     const cv::Mat& reference = scaled.picture;
     cv::Matx33d toFrame = alignment.homography * scaled.toWorking;
     cv::Mat warped;
@@ -583,7 +585,7 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
     a.convertTo(a, CV_32F, 1, -mr[0]);
     b.convertTo(b, CV_32F, 1, -mr[0]);
     correlation = correlationOf(a, b);
-    weakestPart = weakestPartCorrelation(a, b);
+    weakestPart = correlation >= settings.minimumOverallLikeness ? 1 : weakestPartCorrelation(a, b);
 
     const auto& points = scaled.points;
     if (int(points.size()) < minimum)
@@ -610,7 +612,7 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
     cv::Mat h = cv::findHomography(from, to, cv::RANSAC, 1.5, inliers, 500, 0.995);
     // Blur and steep views lose many of the corners; pictures that already look alike need
     // half as many of them to agree.
-    double share = correlation >= likeness ? 0.15 : 0.3;
+    double share = correlation >= settings.minimumCorrelation ? 0.15 : 0.3;
     int needed = std::max<int>(minimum, int(share * double(points.size())));
     if (h.empty() || cv::countNonZero(inliers) < needed)
         return false;
@@ -647,9 +649,8 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
     }
     for (int pass = 0; pass < 2; ++pass) {
         auto before = frameCorners(alignment.homography, working);
-        if (!alignOnce(grey, *scaled, pass == 0 ? kRefineLevels : 2, alignment,
-                       settings_.minimumInliers, settings_.minimumCorrelation, correlation,
-                       weakestPart))
+        if (!alignOnce(grey, *scaled, pass == 0 ? kRefineLevels : 2, settings_, alignment,
+                       correlation, weakestPart))
             return false;
         auto after = frameCorners(alignment.homography, working);
         if (!plausible(after, minimumArea))
@@ -661,8 +662,7 @@ bool Recognizer::refine(const cv::Mat& grey, int target, Alignment& alignment,
         if (moved < kConverged)
             break;
     }
-    return correlation >= minimumCorrelation && (correlation >= settings_.minimumOverallLikeness ||
-                                                 weakestPart >= settings_.minimumPartCorrelation);
+    return correlation >= minimumCorrelation && weakestPart >= settings_.minimumPartCorrelation;
 }
 
 } // namespace pelkit::ar::detail
