@@ -23,7 +23,7 @@ struct RecognizerSettings {
     int frameSpreadFeatures = 225; ///< more, where the strongest are sparsest
     int frameLevels = 6;
     int candidates = 5;
-    int exhaustiveCandidates = 3; ///< of them also matched feature by feature
+    int exhaustiveCandidates = 2; ///< of them also matched feature by feature
     double minimumVotes = 4;
     int tables = 10;    ///< hash tables of the index
     int keyBits = 9;    ///< bits of a descriptor that key a table, at least
