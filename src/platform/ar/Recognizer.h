@@ -22,7 +22,7 @@ struct RecognizerSettings {
     int frameFeatures = 1500;
     int frameSpreadFeatures = 225; ///< more, where the strongest are sparsest
     int frameLevels = 6;
-    int candidates = 5;
+    int candidates = 4;
     int exhaustiveCandidates = 2; ///< of them also matched feature by feature
     double minimumVotes = 4;
     int tables = 10;    ///< hash tables of the index
