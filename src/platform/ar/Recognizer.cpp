@@ -539,6 +539,8 @@ struct ScaledReference {
     std::vector<cv::Mat> pyramid; // for Lucas-Kanade, with derivatives, shared by the passes
     cv::Matx33d toWorking;        // the scaled picture's pixels -> working pixels
     std::vector<cv::Point2f> points;
+    cv::Scalar mean, deviation; // of the picture's pixels
+    cv::Mat half;               // the picture at half size, as floats less the mean
 };
 
 namespace {
@@ -567,6 +569,9 @@ ScaledReference scaledReference(const cv::Mat& full, double r) {
     if (halve)
         for (auto& p : out.points)
             p = p * 2.f + cv::Point2f(0.5f, 0.5f); // pixel centres of the half-size picture
+    cv::meanStdDev(out.picture, out.mean, out.deviation);
+    cv::resize(out.picture, out.half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    out.half.convertTo(out.half, CV_32F, 1, -out.mean[0]);
     return out;
 }
 
@@ -583,21 +588,20 @@ bool alignOnce(const cv::Mat& frame, const ScaledReference& scaled, int levels,
     cv::warpPerspective(frame, warped, cv::Mat(toFrame), reference.size(),
                         cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
     // Lighting differs between the reference and the frame; match their brightness and contrast.
-    cv::Scalar mr, sr, mw, sw;
-    cv::meanStdDev(reference, mr, sr);
+    const double mr = scaled.mean[0], sr = scaled.deviation[0];
+    cv::Scalar mw, sw;
     cv::meanStdDev(warped, mw, sw);
-    double gain = sw[0] > 1 ? sr[0] / sw[0] : 1;
-    warped.convertTo(warped, CV_8U, gain, mr[0] - gain * mw[0]);
+    double gain = sw[0] > 1 ? sr / sw[0] : 1;
+    warped.convertTo(warped, CV_8U, gain, mr - gain * mw[0]);
     // How alike the two look, once aligned: a wrong reference that happens to fit a homography
     // to a few points does not look like the frame. Compared at half size, where a blurred frame
     // still looks like its sharp reference.
-    cv::Mat a, b;
-    cv::resize(reference, a, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    cv::Mat b;
     cv::resize(warped, b, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
-    a.convertTo(a, CV_32F, 1, -mr[0]);
-    b.convertTo(b, CV_32F, 1, -mr[0]);
-    correlation = correlationOf(a, b);
-    weakestPart = correlation >= settings.minimumOverallLikeness ? 1 : weakestPartCorrelation(a, b);
+    b.convertTo(b, CV_32F, 1, -mr);
+    correlation = correlationOf(scaled.half, b);
+    weakestPart =
+        correlation >= settings.minimumOverallLikeness ? 1 : weakestPartCorrelation(scaled.half, b);
 
     const auto& points = scaled.points;
     if (int(points.size()) < minimum)
