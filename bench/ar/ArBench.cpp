@@ -190,9 +190,17 @@ public:
 
     // The pictures that share a homography's worth of close features with the `count` strongest
     // features of picture `i`, each feature matched once on either side.
-    std::set<int> of(int i, int count) {
+    std::set<int> of(int i, int count) { return sharing(features_[i], count, i); }
+
+    // The same of a picture outside the index.
+    std::set<int> sharing(const Features& picture, int count) {
+        return sharing(picture, count, -1);
+    }
+
+private:
+    std::set<int> sharing(const Features& picture, int count, int i) {
         std::set<int> out;
-        const cv::Mat& descriptors = features_[i].descriptors;
+        const cv::Mat& descriptors = picture.descriptors;
         if (descriptors.empty())
             return out;
         cv::Mat found, distances;
@@ -215,7 +223,7 @@ public:
                 if (!mine.count(r) && !theirs.count(row)) {
                     mine.insert(r);
                     theirs.insert(row);
-                    from.push_back(features_[i].keypoints[r].pt);
+                    from.push_back(picture.keypoints[r].pt);
                     to.push_back(features_[other].keypoints[row - first_[other]].pt);
                 }
             if (shareAPlane(from, to))
@@ -224,7 +232,6 @@ public:
         return out;
     }
 
-private:
     const std::vector<Features>& features_;
     cv::Mat descriptors_; // the index refers to these rows
     std::vector<int> first_, owner_;
@@ -354,7 +361,10 @@ Pool loadPool(int distractorsWanted) {
     for (int i : distractors)
         pool.distractors.push_back(pictures[i]);
     // Too few photographs for a thousand references: halves and quarters of the distractors
-    // stand in for more (never of targets, which would then match them).
+    // stand in for more (never of targets, which would then match them). A part is checked
+    // again: a distractor showing a part of a picture shown in frames several times (a logo
+    // beside its variants) spreads its matches among the copies, and passes; one of its parts
+    // may show a single copy, which the recogniser then finds in that frame.
     std::size_t base = pool.distractors.size();
     for (int part = 0; int(pool.distractors.size()) < distractorsWanted && part < 9; ++part)
         for (std::size_t i = 0; i < base && int(pool.distractors.size()) < distractorsWanted; ++i) {
@@ -368,20 +378,30 @@ Pool loadPool(int distractorsWanted) {
                                 {d.cols / 2, 0, d.cols / 2, d.rows / 2},
                                 {0, d.rows / 2, d.cols / 2, d.rows / 2},
                                 {d.cols / 2, d.rows / 2, d.cols / 2, d.rows / 2}};
+            cv::Mat grey;
+            cv::cvtColor(d(crops[part]), grey, cv::COLOR_BGR2GRAY);
+            auto near = overlaps.sharing(plainFeatures(grey, 2000), 2000);
+            if (std::any_of(near.begin(), near.end(), shown))
+                continue;
             pool.distractors.push_back(d(crops[part]).clone());
         }
     return pool;
 }
 
 // The pool as PNG files and a list of counts in `dir`, so that runs trying a change skip making
-// it. Stale once validation or the installed pictures change: delete the folder then.
+// it. Stale once validation or the installed pictures change: delete the folder then. A pool
+// made by an earlier way of choosing its pictures is made anew.
+constexpr int kPoolVersion = 2;
+
 std::optional<Pool> cachedPool(const fs::path& dir, int distractorsWanted) {
     std::ifstream list(dir / "pool.txt");
+    std::string tag;
+    int version = 0;
     std::size_t counts[4];
     Pool pool;
-    if (!(list >> counts[0] >> counts[1] >> counts[2] >> counts[3] >> pool.dropped >>
-          pool.refused) ||
-        int(counts[3]) < distractorsWanted)
+    if (!(list >> tag >> version >> counts[0] >> counts[1] >> counts[2] >> counts[3] >>
+          pool.dropped >> pool.refused) ||
+        tag != "pool" || version != kPoolVersion || int(counts[3]) < distractorsWanted)
         return std::nullopt;
     std::vector<cv::Mat>* roles[] = {&pool.backgrounds, &pool.decoys, &pool.targets,
                                      &pool.distractors};
@@ -404,8 +424,9 @@ void keepPool(const fs::path& dir, const Pool& pool) {
             cv::imwrite((dir / cv::format("%d-%zu.png", r, i)).string(), (*roles[r])[i]);
     // Written last: a run stopped halfway leaves no list, and the next one makes the pool anew.
     std::ofstream(dir / "pool.txt")
-        << pool.backgrounds.size() << ' ' << pool.decoys.size() << ' ' << pool.targets.size() << ' '
-        << pool.distractors.size() << ' ' << pool.dropped << ' ' << pool.refused << '\n';
+        << "pool " << kPoolVersion << ' ' << pool.backgrounds.size() << ' ' << pool.decoys.size()
+        << ' ' << pool.targets.size() << ' ' << pool.distractors.size() << ' ' << pool.dropped
+        << ' ' << pool.refused << '\n';
 }
 
 // ---- scripted frames ----
