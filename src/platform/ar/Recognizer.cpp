@@ -568,7 +568,7 @@ ScaledReference scaledReference(const cv::Mat& full, double r) {
                             halve ? spacing / 2 : spacing);
     if (halve)
         for (auto& p : out.points)
-            p = p * 2.f + cv::Point2f(0.5f, 0.5f); // pixel centres of the half-size picture
+            p *= 2.f; // a pyramid level's pixel i sits on pixel 2i of the level below
     cv::meanStdDev(out.picture, out.mean, out.deviation);
     cv::resize(out.picture, out.half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
     out.half.convertTo(out.half, CV_32F, 1, -out.mean[0]);
