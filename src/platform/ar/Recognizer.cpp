@@ -561,14 +561,16 @@ ScaledReference scaledReference(const cv::Mat& full, double r) {
     cv::buildOpticalFlowPyramid(out.picture, out.pyramid, kWindow, kRefineLevels);
     // Corners are looked for at half size, for a quarter of the cost: a corner there has texture
     // around it at full size too, which is all Lucas-Kanade needs. The pyramid holds each level's
-    // picture followed by its derivatives.
+    // picture followed by its derivatives. A half-size pixel i is put between full-size pixels 2i
+    // and 2i + 1; on 2i, where the pyramid's filter centres it, every refinement measured a little
+    // worse (graffiti pair 0.78 px against 0.46, static jitter 0.023 px against 0.019).
     int spacing = std::max(4, std::min(out.picture.cols, out.picture.rows) / 24);
     bool halve = out.pyramid.size() > 2 && std::min(out.picture.cols, out.picture.rows) >= 64;
     cv::goodFeaturesToTrack(halve ? out.pyramid[2] : out.picture, out.points, kRefinePoints, 0.01,
                             halve ? spacing / 2 : spacing);
     if (halve)
         for (auto& p : out.points)
-            p *= 2.f; // a pyramid level's pixel i sits on pixel 2i of the level below
+            p = p * 2.f + cv::Point2f(0.5f, 0.5f);
     cv::meanStdDev(out.picture, out.mean, out.deviation);
     cv::resize(out.picture, out.half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
     out.half.convertTo(out.half, CV_32F, 1, -out.mean[0]);
