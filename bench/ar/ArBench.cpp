@@ -190,15 +190,13 @@ public:
 
     // The pictures that share a homography's worth of close features with the `count` strongest
     // features of picture `i`, each feature matched once on either side.
-    std::set<int> of(int i, int count) { return sharing(features_[i], count, i); }
+    std::set<int> of(int i, int count) { return near(features_[i], count, i); }
 
     // The same of a picture outside the index.
-    std::set<int> sharing(const Features& picture, int count) {
-        return sharing(picture, count, -1);
-    }
+    std::set<int> sharing(const Features& picture, int count) { return near(picture, count, -1); }
 
 private:
-    std::set<int> sharing(const Features& picture, int count, int i) {
+    std::set<int> near(const Features& picture, int count, int i) {
         std::set<int> out;
         const cv::Mat& descriptors = picture.descriptors;
         if (descriptors.empty())
@@ -378,12 +376,12 @@ Pool loadPool(int distractorsWanted) {
                                 {d.cols / 2, 0, d.cols / 2, d.rows / 2},
                                 {0, d.rows / 2, d.cols / 2, d.rows / 2},
                                 {d.cols / 2, d.rows / 2, d.cols / 2, d.rows / 2}};
-            cv::Mat grey;
-            cv::cvtColor(d(crops[part]), grey, cv::COLOR_BGR2GRAY);
+            cv::Mat piece = d(crops[part]), grey;
+            cv::cvtColor(piece, grey, cv::COLOR_BGR2GRAY);
             auto near = overlaps.sharing(plainFeatures(grey, 2000), 2000);
             if (std::any_of(near.begin(), near.end(), shown))
                 continue;
-            pool.distractors.push_back(d(crops[part]).clone());
+            pool.distractors.push_back(piece.clone());
         }
     return pool;
 }
