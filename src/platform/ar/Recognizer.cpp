@@ -475,8 +475,9 @@ std::vector<Detection> Recognizer::detect(const cv::Mat& grey, const std::vector
     Lookup lookup;
     // As many features per pixel at any resolution, up to a point.
     double pixels = std::clamp(double(grey.total()) / (640 * 480), 1.0, 2.5);
-    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels, 12, 31,
-                lookup.keypoints, lookup.descriptors, int(settings_.frameSpreadFeatures * pixels));
+    orbFeatures(grey, int(settings_.frameFeatures * pixels), settings_.frameLevels,
+                settings_.frameFastThreshold, 31, lookup.keypoints, lookup.descriptors,
+                int(settings_.frameSpreadFeatures * pixels));
     if (count <= 0 || lookup.descriptors.rows < settings_.minimumInliers || targets_.empty())
         return {};
     lookup.votes.assign(targets_.size(), 0);
