@@ -430,8 +430,15 @@ bool Recognizer::verify(const cv::Mat& grey, cv::Mat& halfGrey, int target,
         cv::Mat h = cv::findHomography(from, to, cv::USAC_FAST, 4.0, inliers, 500, 0.995);
         if (!h.empty() && cv::countNonZero(inliers) >= settings_.minimumInliers &&
             plausible(frameCorners(cv::Matx33d(h), targets_[target].working), minimumArea)) {
-            alignment.homography = cv::Matx33d(h);
-            return refine(grey, target, alignment);
+            Alignment fitted = alignment;
+            fitted.homography = cv::Matx33d(h);
+            if (refine(grey, target, fitted)) {
+                alignment = std::move(fitted);
+                return true;
+            }
+            // In a picture of repeated detail (boards of squares) a dozen matches can agree on
+            // a homography that sets part of it on the wrong copy and throws the far corners
+            // off the frame; the affine map of the same matches may still place it.
         }
     }
     // A small, blurred or steeply tilted reference leaves too few matches for a homography, or
