@@ -236,3 +236,60 @@ cv::Matx33d Baseline::Impl::refine(const Reference& r, const cv::Mat& grey,
         return h;
     return cv::Matx33d(refined);
 }
+
+namespace {
+
+const cv::Size kTrackWindow(21, 21);
+constexpr int kTrackLevels = 3;
+
+} // namespace
+
+BaselineTracker::BaselineTracker(const cv::Mat& grey, const pelkit::ar::synthetic::Quad& corners,
+                                 int points)
+    : corners_(corners) {
+    cv::Mat mask = cv::Mat::zeros(grey.size(), CV_8U);
+    std::vector<cv::Point> polygon;
+    for (const auto& c : corners)
+        polygon.emplace_back(cv::Point(c));
+    cv::fillConvexPoly(mask, polygon, cv::Scalar(255));
+    cv::goodFeaturesToTrack(grey, points_, points, 0.01, 7, mask);
+    first_ = points_.size();
+    cv::buildOpticalFlowPyramid(grey, pyramid_, kTrackWindow, kTrackLevels);
+}
+
+bool BaselineTracker::track(const cv::Mat& grey) {
+    if (lost_)
+        return false;
+    std::vector<cv::Mat> pyramid;
+    cv::buildOpticalFlowPyramid(grey, pyramid, kTrackWindow, kTrackLevels);
+    std::vector<cv::Point2f> moved;
+    std::vector<std::uint8_t> status;
+    std::vector<float> error;
+    cv::calcOpticalFlowPyrLK(pyramid_, pyramid, points_, moved, status, error, kTrackWindow,
+                             kTrackLevels);
+    std::vector<cv::Point2f> from, to;
+    for (std::size_t i = 0; i < moved.size(); ++i)
+        if (status[i]) {
+            from.push_back(points_[i]);
+            to.push_back(moved[i]);
+        }
+    std::size_t needed = std::max<std::size_t>(kMinInliers, first_ * 3 / 10);
+    std::vector<std::uint8_t> inliers;
+    cv::Mat h =
+        from.size() >= needed ? cv::findHomography(from, to, cv::RANSAC, 3.0, inliers) : cv::Mat();
+    if (h.empty() || std::size_t(cv::countNonZero(inliers)) < needed) {
+        lost_ = true;
+        return false;
+    }
+    cv::Matx33d step(h);
+    for (auto& c : corners_) {
+        cv::Vec3d p = step * cv::Vec3d(c.x, c.y, 1);
+        c = {p[0] / p[2], p[1] / p[2]};
+    }
+    points_.clear();
+    for (std::size_t i = 0; i < to.size(); ++i)
+        if (inliers[i])
+            points_.push_back(to[i]);
+    pyramid_ = std::move(pyramid);
+    return true;
+}

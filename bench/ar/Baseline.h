@@ -1,4 +1,6 @@
-// The plain OpenCV pipeline the recogniser is measured against, kept as simple as it stays good:
+// The plain OpenCV pipelines the recogniser and tracker are measured against.
+//
+// Recognition, kept as simple as it stays good:
 // ORB (1000 features a frame; 500 a reference over 12 levels), bit-sampling LSH over every
 // reference's descriptors (10 tables keyed on 16 bits; each frame descriptor's nearest within 64
 // bits votes for its reference), the 5 best-voted references matched one by one with a 0.8 ratio
@@ -28,4 +30,21 @@ public:
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
+};
+
+// Tracking: pyramidal Lucas-Kanade (21x21 window, 3 levels) on Shi-Tomasi corners of the picture
+// from one frame to the next, each frame's pyramid built once, a homography at 3 px; lost when
+// fewer than max(12, 30% of the first count) agree, and not found again.
+class BaselineTracker {
+public:
+    BaselineTracker(const cv::Mat& grey, const pelkit::ar::synthetic::Quad& corners, int points);
+    bool track(const cv::Mat& grey); ///< false once lost
+    const pelkit::ar::synthetic::Quad& corners() const { return corners_; }
+
+private:
+    std::vector<cv::Mat> pyramid_;
+    std::vector<cv::Point2f> points_;
+    std::size_t first_ = 0;
+    pelkit::ar::synthetic::Quad corners_;
+    bool lost_ = false;
 };
