@@ -81,8 +81,10 @@ bool follow(const Pyramid& from, const Pyramid& to, cv::Size working, Alignment&
     int levels = int(std::min(from.size(), to.size()) / 2) - 1; // images and derivatives
     cv::calcOpticalFlowPyrLK(from, to, alignment.framePoints, moved, status, error, kWindow, levels,
                              criteria);
+    // The way back starts where each point was: when the way there was right, it is found at
+    // full size alone, for two thirds of the cost of searching every level.
     back = alignment.framePoints;
-    cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, levels, criteria,
+    cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, 0, criteria,
                              cv::OPTFLOW_USE_INITIAL_FLOW);
     std::vector<cv::Point2f> reference, frame;
     for (std::size_t i = 0; i < moved.size(); ++i)
