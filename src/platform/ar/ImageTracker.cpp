@@ -82,7 +82,7 @@ bool follow(const Pyramid& from, const Pyramid& to, cv::Size working, Alignment&
     cv::calcOpticalFlowPyrLK(from, to, alignment.framePoints, moved, status, error, kWindow, levels,
                              criteria);
     // The way back starts where each point was: when the way there was right, it is found at
-    // full size alone, for two thirds of the cost of searching every level.
+    // full size alone, at about a third of the cost of searching every level.
     back = alignment.framePoints;
     cv::calcOpticalFlowPyrLK(to, from, moved, back, backStatus, error, kWindow, 0, criteria,
                              cv::OPTFLOW_USE_INITIAL_FLOW);
