@@ -5,9 +5,10 @@
 //
 //     ar_bench [--quick | --tracking | --targets N] [--no-baseline] [--cache DIR] [--shots FILE]
 //
-// One thread; the full run takes about fifteen minutes. For trying a change: `--cache` keeps the
-// picture pool (a minute or two to make) in DIR between runs, `--targets N` runs one database
-// size at 640x480, and `--shots` writes each frame's result, to compare two runs frame by frame.
+// One thread; the full run takes about five minutes once the picture pool is made, which takes
+// about four. For trying a change: `--cache` keeps the pool in DIR between runs, `--targets N`
+// runs one database size at 640x480, and `--shots` writes each frame's result, to compare two
+// runs frame by frame.
 //
 // Frames: a target 0.2 m wide spanning 20-80% of the frame height, tilted up to 50 degrees, any
 // in-plane rotation, over a photo, with blur, motion blur (a quarter of the frames), noise, a
