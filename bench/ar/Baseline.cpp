@@ -258,8 +258,6 @@ BaselineTracker::BaselineTracker(const cv::Mat& grey, const pelkit::ar::syntheti
 }
 
 bool BaselineTracker::track(const cv::Mat& grey) {
-    if (lost_)
-        return false;
     std::vector<cv::Mat> pyramid;
     cv::buildOpticalFlowPyramid(grey, pyramid, kTrackWindow, kTrackLevels);
     std::vector<cv::Point2f> moved;
@@ -277,10 +275,8 @@ bool BaselineTracker::track(const cv::Mat& grey) {
     std::vector<std::uint8_t> inliers;
     cv::Mat h =
         from.size() >= needed ? cv::findHomography(from, to, cv::RANSAC, 3.0, inliers) : cv::Mat();
-    if (h.empty() || std::size_t(cv::countNonZero(inliers)) < needed) {
-        lost_ = true;
+    if (h.empty() || std::size_t(cv::countNonZero(inliers)) < needed)
         return false;
-    }
     cv::Matx33d step(h);
     for (auto& c : corners_) {
         cv::Vec3d p = step * cv::Vec3d(c.x, c.y, 1);

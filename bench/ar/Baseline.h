@@ -38,7 +38,7 @@ private:
 class BaselineTracker {
 public:
     BaselineTracker(const cv::Mat& grey, const pelkit::ar::synthetic::Quad& corners, int points);
-    bool track(const cv::Mat& grey); ///< false once lost
+    bool track(const cv::Mat& grey); ///< false: lost, and done with
     const pelkit::ar::synthetic::Quad& corners() const { return corners_; }
 
 private:
@@ -46,5 +46,4 @@ private:
     std::vector<cv::Point2f> points_;
     std::size_t first_ = 0;
     pelkit::ar::synthetic::Quad corners_;
-    bool lost_ = false;
 };
