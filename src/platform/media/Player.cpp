@@ -2,41 +2,75 @@
 
 #include <pelkit/foundation/NotificationCenter.h>
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace pelkit::media {
 namespace {
 
-/// Threads of destroyed items that are still on their way out. The process waits for them at
-/// exit (briefly: their I/O is interrupted), so none of them is cut off while it closes its
-/// device or posts a notification.
+/// Threads of destroyed items that are still on their way out. Each is joined once it has said
+/// it is done: when the next item stops, or at exit. The process waits for them there (briefly:
+/// their I/O is interrupted), so none of them is cut off while it closes its device or posts a
+/// notification, and none is still ending while the process's own exit work runs.
 class StoppingThreads {
 public:
     static StoppingThreads& instance() {
         static StoppingThreads threads;
         return threads;
     }
-    void add() {
-        std::lock_guard lock(mutex_);
-        ++count_;
+    void add(std::thread thread) {
+        std::vector<std::thread> done;
+        {
+            std::lock_guard lock(mutex_);
+            running_.push_back(std::move(thread));
+            done = takeFinished();
+        }
+        for (auto& t : done)
+            t.join();
     }
-    void remove() {
+    /// The last call of a stopping item's thread. It may come before the thread is added.
+    void finished(std::thread::id id) {
         std::lock_guard lock(mutex_);
-        --count_;
+        finished_.push_back(id);
         done_.notify_all();
     }
     ~StoppingThreads() {
-        std::unique_lock lock(mutex_);
-        done_.wait_for(lock, std::chrono::seconds(2), [this] { return count_ == 0; });
+        std::vector<std::thread> done;
+        {
+            std::unique_lock lock(mutex_);
+            done_.wait_for(lock, std::chrono::seconds(2),
+                           [this] { return finished_.size() >= running_.size(); });
+            done = takeFinished();
+            for (auto& t : running_)
+                t.detach(); // stuck in I/O: it is cut off with the process
+        }
+        for (auto& t : done)
+            t.join();
     }
 
 private:
     // Made first, so that it is destroyed after this waiter has waited.
     StoppingThreads() { NotificationCenter::defaultCenter(); }
+
+    std::vector<std::thread> takeFinished() {
+        std::vector<std::thread> done;
+        std::erase_if(running_, [&](std::thread& t) {
+            const auto id = std::ranges::find(finished_, t.get_id());
+            if (id == finished_.end())
+                return false;
+            finished_.erase(id);
+            done.push_back(std::move(t));
+            return true;
+        });
+        return done;
+    }
+
     std::mutex mutex_;
     std::condition_variable done_;
-    int count_ = 0;
+    std::vector<std::thread> running_;
+    std::vector<std::thread::id> finished_; ///< said so, not yet joined
 };
 
 } // namespace
@@ -138,7 +172,7 @@ std::shared_ptr<PlayerItem> PlayerItem::create(std::string url) {
             const bool stopping = core->exit.exchange(Core::Exit::finished) == Core::Exit::stopping;
             core.reset();
             if (stopping)
-                StoppingThreads::instance().remove();
+                StoppingThreads::instance().finished(std::this_thread::get_id());
         });
     } catch (const std::system_error& error) {
         item->core_->exit = Core::Exit::finished;
@@ -151,12 +185,14 @@ PlayerItem::~PlayerItem() {
     // The thread may be the one destroying its item (an observer dropping it), and joining could
     // wait on a lock that the destroying thread holds; so the thread finishes on its own, counted
     // until it has.
-    StoppingThreads::instance().add();
-    if (core_->exit.exchange(Core::Exit::stopping) == Core::Exit::finished)
-        StoppingThreads::instance().remove();
+    const bool finished = core_->exit.exchange(Core::Exit::stopping) == Core::Exit::finished;
     core_->cancel();
-    if (core_->thread.joinable())
-        core_->thread.detach();
+    if (!core_->thread.joinable())
+        return;
+    if (finished)
+        core_->thread.join(); // past its last work on the item
+    else
+        StoppingThreads::instance().add(std::move(core_->thread));
 }
 
 const std::string& PlayerItem::url() const {
