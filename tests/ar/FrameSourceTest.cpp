@@ -113,22 +113,20 @@ TEST_F(ScriptedSourceTest, BadScriptsFailToStartWithWhatIsWrong) {
     }
 }
 
-TEST(CameraSource, MissingDeviceFailsWithAReadableError) {
+TEST(FrameSources, AMissingDeviceOrFileFailsToStartWithAReadableError) {
     auto camera = makeCameraSource("/dev/video-that-is-not-there");
-    auto started = camera->start();
-    ASSERT_FALSE(started);
-    EXPECT_EQ(started.error()->description(),
-              "camera /dev/video-that-is-not-there: cannot be opened: No such file or directory");
-    CameraFrame frame;
-    EXPECT_FALSE(camera->nextFrame(frame, std::chrono::milliseconds(1)));
-}
-
-TEST(VideoFileSource, MissingFileFailsWithAReadableError) {
     auto video = makeVideoFileSource("/nonexistent/clip.mp4");
-    auto started = video->start();
-    ASSERT_FALSE(started);
-    EXPECT_EQ(started.error()->description(),
-              "video /nonexistent/clip.mp4: cannot be opened: no such file");
+    for (auto [source, message] : {
+             std::pair{camera.get(), "camera /dev/video-that-is-not-there: cannot be opened: "
+                                     "No such file or directory"},
+             std::pair{video.get(), "video /nonexistent/clip.mp4: cannot be opened: no such file"},
+         }) {
+        auto started = source->start();
+        ASSERT_FALSE(started);
+        EXPECT_EQ(started.error()->description(), message);
+        CameraFrame frame;
+        EXPECT_FALSE(source->nextFrame(frame, std::chrono::milliseconds(1)));
+    }
 }
 
 } // namespace

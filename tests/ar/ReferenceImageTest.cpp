@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unordered_set>
 
 namespace pelkit::ar {
 namespace {
@@ -24,16 +23,6 @@ TEST(ReferenceImage, PhysicalSizeFollowsTheUprightAspectRatio) {
         EXPECT_DOUBLE_EQ(reference->physicalSize().x, size.x);
         EXPECT_DOUBLE_EQ(reference->physicalSize().y, size.y) << static_cast<int>(orientation);
     }
-}
-
-TEST(ReferenceImage, SameNameAndPixelsAreStillTwoImages) {
-    auto image = picture(8, 8);
-    auto first = ReferenceImage::create(image, ImageOrientation::up, 0.1);
-    auto second = ReferenceImage::create(image, ImageOrientation::up, 0.1);
-    first->setName("poster.png");
-    second->setName("poster.png");
-    std::unordered_set<ReferenceImagePtr> set{first, second, first};
-    EXPECT_EQ(set.size(), 2u);
 }
 
 TEST(ReferenceImageDeathTest, AnEmptyImageIsAProgrammingError) {

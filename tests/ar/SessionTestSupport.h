@@ -52,7 +52,6 @@ public:
     std::function<void(SceneView&, const std::shared_ptr<scene::Node>&, const AnchorPtr&)> onAdd;
     /// Run on the renderer thread after the session reports an interruption.
     std::function<void()> onInterrupted;
-    bool relocalize = true;
 
     void didAdd(SceneView& view, const std::shared_ptr<scene::Node>& node,
                 const AnchorPtr& anchor) override;
@@ -70,7 +69,6 @@ public:
 
     std::vector<Event> events() const;
     std::vector<Event> events(const std::string& what) const;
-    int frames() const;
     /// Waits (up to a minute, a guard against a hang, not a measure) for `done` to hold.
     bool waitFor(const std::function<bool(const EventLog&)>& done);
     bool waitForEvent(const std::string& what);
@@ -80,7 +78,6 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Event> events_;
-    int frames_ = 0;
 };
 
 /// A test with a temporary folder for scripts and recordings.

@@ -226,12 +226,6 @@ TEST(ImageEncoding, RefusesInconsistentImages) {
     }
 }
 
-TEST(ImageValue, FilledWritesRedGreenBlueAlphaInOrder) {
-    const Image image = Image::filled(2, 1, 0x11223344u);
-    EXPECT_EQ(image.rgba,
-              (std::vector<std::uint8_t>{0x11, 0x22, 0x33, 0x44, 0x11, 0x22, 0x33, 0x44}));
-}
-
 TEST(ImageDeathTest, BrokenPreconditionsStop) {
     const Image image = sampleImage(4, 4);
     EXPECT_DEATH((void)encodeJpeg(image, 0),

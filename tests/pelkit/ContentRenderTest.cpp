@@ -1,7 +1,6 @@
-// What content nodes look like when the renderer draws them on llvmpipe: the placeholder, the
-// picture, the keyed green-screen video and the play button in front of it.
+// What a content node looks like when the renderer draws it on llvmpipe: the keyed green-screen
+// video and the play button in front of it.
 #include <pelkit/PELGreenScreenNode.h>
-#include <pelkit/PELImageNode.h>
 
 #include "ContentTestSupport.h"
 #include "RenderTestSupport.h"
@@ -23,17 +22,6 @@ protected:
         return renderer->snapshot().value_or(image::Image{});
     }
 };
-
-TEST_F(ContentRenderTest, AnImageNodeShowsTranslucentBlackUntilItsPictureArrives) {
-    auto node = PELNode::create<PELImageNode>("key", "missing", "c", 64, 64, std::nullopt, 0, 0);
-    auto before = draw(node, {64, 64}, 0);
-    ASSERT_FALSE(before.empty());
-    auto placeholder = pixelAt(before, 32, 32);
-    for (int channel = 0; channel < 3; ++channel)
-        EXPECT_NEAR(placeholder[channel], 255 * 0.3, 1.5) << "black at alpha 0.7 over white";
-    node->presentContent(*url("/files/red.png"));
-    EXPECT_EQ(pixelAt(draw(node, {64, 64}, 0), 32, 32), (Rgba{255, 0, 0, 255}));
-}
 
 TEST_F(ContentRenderTest, AGreenScreenNodeKeysOutGreenBehindItsPlayButton) {
     // The clip is 320x240 of pure green with a grey box; the button is 120 units on a side.

@@ -88,20 +88,6 @@ TEST(Node, ChangesSpreadToCachedWorldTransformsOfDescendants) {
     EXPECT_TRUE(grandparent->childNodes().empty());
 }
 
-TEST(Node, OpacityMultipliesAndHidingCoversTheSubtree) {
-    auto root = Node::create();
-    auto middle = childOf(root);
-    auto leaf = childOf(middle);
-    root->setOpacity(0.5f);
-    middle->setOpacity(0.5f);
-    leaf->setOpacity(0.8f);
-    EXPECT_FLOAT_EQ(leaf->effectiveOpacity(), 0.2f);
-    middle->setHidden(true);
-    EXPECT_TRUE(leaf->isHiddenInTree());
-    EXPECT_FALSE(leaf->isHidden());
-    EXPECT_FALSE(root->isHiddenInTree());
-}
-
 TEST(Node, TypedHelpersFindContentNodesAndChildrenKeepOrder) {
     struct Content : Node {};
     auto root = Node::create();

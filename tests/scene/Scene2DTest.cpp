@@ -13,33 +13,7 @@ std::shared_ptr<const image::Image> picture(int width, int height) {
         image::Image{width, height, std::vector<uint8_t>(width * height * 4)});
 }
 
-// A video source whose frame the test sets (from the test's thread only).
-struct FrameHolder : VideoFrameSource {
-    std::shared_ptr<const image::Image> frame;
-    std::shared_ptr<const image::Image> currentFrame() const override { return frame; }
-};
-
 } // namespace
-
-TEST(Scene2D, SpriteScaleAndSizePlaceThePictureAroundItsCentre) {
-    auto sprite = Sprite::create(picture(40, 20));
-    EXPECT_EQ(sprite->size(), glm::vec2(40, 20)) << "a sprite takes its texture's size";
-    sprite->setPosition({100, 50});
-    sprite->setXScale(2);
-    const glm::mat3 m = sprite->imageToScene();
-    EXPECT_EQ(glm::vec2(m * glm::vec3(0, 0, 1)), glm::vec2(60, 60));  // top-left of the picture
-    EXPECT_EQ(glm::vec2(m * glm::vec3(1, 1, 1)), glm::vec2(140, 40)); // bottom-right
-}
-
-TEST(Scene2D, VideoSpriteShowsTheSourcesLatestFrame) {
-    auto source = std::make_shared<FrameHolder>();
-    std::shared_ptr<Sprite> video = VideoSprite::create(source, {1280, 720});
-    EXPECT_EQ(video->currentImage(), nullptr) << "no frame before the first one is decoded";
-    source->frame = picture(1280, 720);
-    EXPECT_EQ(video->currentImage(), source->frame);
-    EXPECT_EQ(video->picture(), SpritePicture(source)) << "the source, for fetching later";
-    EXPECT_EQ(video->size(), glm::vec2(1280, 720));
-}
 
 TEST(Scene2D, SpritesMoveBetweenScenesAndForgetAGoneScene) {
     auto sprite = Sprite::create(picture(1, 1));
