@@ -11,9 +11,7 @@
 namespace pelkit::ar {
 namespace {
 
-std::filesystem::path demoTargets() {
-    return test::fixturesDirectory() / ".." / ".." / "examples" / "demo-project" / "targets";
-}
+using test::demoTargets;
 
 class ScriptedSourceTest : public ::testing::Test {
 protected:

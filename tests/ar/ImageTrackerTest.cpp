@@ -15,9 +15,7 @@
 namespace pelkit::ar {
 namespace {
 
-std::filesystem::path demoTargets() {
-    return test::fixturesDirectory() / ".." / ".." / "examples" / "demo-project" / "targets";
-}
+using test::demoTargets;
 
 std::shared_ptr<const image::Image> load(const std::string& name) {
     return std::make_shared<image::Image>(*image::decode(*readFile(demoTargets() / name)));

@@ -6,10 +6,6 @@
 
 namespace pelkit::ar::test {
 
-std::filesystem::path demoTargets() {
-    return fixturesDirectory() / ".." / ".." / "examples" / "demo-project" / "targets";
-}
-
 ReferenceImagePtr loadReference(const std::filesystem::path& file, double physicalWidth) {
     auto bytes = readFile(file);
     EXPECT_TRUE(bytes) << file;

@@ -19,9 +19,6 @@ namespace pelkit::ar::test {
 
 using namespace pelkit::test;
 
-/// The folder of the demo project's target pictures.
-std::filesystem::path demoTargets();
-
 /// A reference image of a picture file, named after the file.
 ReferenceImagePtr loadReference(const std::filesystem::path& file, double physicalWidth);
 

@@ -2,6 +2,7 @@
 // decoded pictures, and observers of the end of an item.
 #pragma once
 
+#include "Pixels.h"
 #include "TestSupport.h"
 
 #include <pelkit/foundation/NotificationCenter.h>
@@ -14,23 +15,9 @@
 
 namespace pelkit::test {
 
-/// Plays sound in real time without a device, unless the developer picked a driver.
-inline void useDummyAudioDriver() {
-    ::setenv("SDL_AUDIODRIVER", "dummy", 0);
-}
-
 /// The file URL of a media fixture (see scripts/make-media-fixtures).
 inline std::string mediaFixtureUrl(const std::string& name) {
     return "file://" + (fixturesDirectory() / "media" / name).string();
-}
-
-struct Rgb {
-    int r = 0, g = 0, b = 0;
-    friend bool operator==(const Rgb&, const Rgb&) = default;
-};
-
-inline std::ostream& operator<<(std::ostream& out, const Rgb& c) {
-    return out << "(" << c.r << ", " << c.g << ", " << c.b << ")";
 }
 
 struct Point {
@@ -38,8 +25,7 @@ struct Point {
 };
 
 inline Rgb colourAt(const image::Image& frame, Point at) {
-    const std::uint8_t* p = frame.pixel(at.x, at.y);
-    return {p[0], p[1], p[2]};
+    return rgbAt(frame, at.x, at.y);
 }
 
 /// Colours within YUV rounding of each other.

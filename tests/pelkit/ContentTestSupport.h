@@ -24,7 +24,7 @@ namespace pelkit::test {
 class ContentServer {
 public:
     ContentServer() {
-        ::setenv("SDL_AUDIODRIVER", "dummy", 0);
+        useDummyAudioDriver();
         auto red = image::encodePng(image::Image::filled(4, 4, 0xff0000ffu));
         EXPECT_TRUE(writeFileAtomically(files / "red.png", *red));
         EXPECT_TRUE(writeFileAtomically(files / "junk.png", bytesOf("not a picture")));

@@ -1,83 +1,46 @@
-#include "TestSupport.h"
+#include "UiTestSupport.h"
 
 #include <pelkit/PELFullscreenVideoPlayer.h>
-#include <pelkit/ui/Application.h>
-#include <pelkit/ui/Window.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
+#include <algorithm>
 
 namespace pelkit::test {
 namespace {
 
 using ui::Animated;
 
-/// Counts how often it disappears behind a presented screen.
-class Host final : public ui::ViewController {
-public:
-    int disappearances = 0;
-    void viewWillDisappear(Animated) override { ++disappearances; }
-};
-
 net::Url clip(const std::string& name) {
     return net::Url::fileUrl(fixturesDirectory() / "media" / name);
 }
 
 // The shared player on a headless key window whose animation clock the test steps.
-class FullscreenPlayer : public ::testing::Test {
+class FullscreenPlayer : public UiTest {
 protected:
-    static void SetUpTestSuite() {
-        ::setenv("SDL_AUDIODRIVER", "dummy", 0);
-        app().setDisplay(ui::Display::headless);
-    }
-
-    void SetUp() override {
-        app().setClock([this] { return clock; });
-        auto made = ui::Window::create({320, 240});
-        ASSERT_TRUE(made) << *made.error();
-        window = *made;
-    }
-
     void TearDown() override {
         // The shared screen outlives the test: close it so the next test starts without it.
         if (player().playerViewController()->presentingViewController())
             player().playerViewController()->dismiss(Animated::no);
         settle();
         player().player()->pause();
-        window.reset();
-        app().setClock({});
+        UiTest::TearDown();
     }
 
-    static ui::Application& app() { return ui::Application::shared(); }
     static PELFullscreenVideoPlayer& player() { return PELFullscreenVideoPlayer::shared(); }
-
-    void show(std::shared_ptr<ui::ViewController> root) {
-        window->setRootViewController(std::move(root));
-        window->makeKeyAndVisible();
-        app().pump();
-    }
-
-    void settle() {
-        app().pump();
-        clock += 1;
-        app().pump();
-    }
 
     std::string currentUrl() const {
         auto item = player().player()->currentItem();
         return item ? item->url() : std::string();
     }
 
-    double clock = 1000;
-    std::shared_ptr<ui::Window> window;
+    /// How often the host went behind a presented screen.
+    long disappearances() const { return std::ranges::count(*journal, "host.willDisappear"); }
 };
 
 TEST_F(FullscreenPlayer, WithoutAKeyWindowARootOrAVisibleControllerNothingHappens) {
     const auto before = player().player()->currentItem();
     player().playVideo(clip("counter.mp4")); // no window was made key
     window->makeKeyAndVisible();
-    player().playVideo(clip("counter.mp4")); // no root
+    player().playVideo(clip("counter.mp4"));            // no root
     show(std::make_shared<ui::NavigationController>()); // no top controller: nothing visible
     player().playVideo(clip("counter.mp4"));
     settle();
@@ -86,7 +49,7 @@ TEST_F(FullscreenPlayer, WithoutAKeyWindowARootOrAVisibleControllerNothingHappen
 }
 
 TEST_F(FullscreenPlayer, PresentsOnTheVisibleControllerAndPlaysOnceTheAnimationEnds) {
-    auto top = std::make_shared<Host>();
+    auto top = recorder("host");
     show(std::make_shared<ui::NavigationController>(top));
     player().playVideo(clip("counter.mp4"));
     EXPECT_EQ(currentUrl(), clip("counter.mp4").absoluteString());
@@ -99,11 +62,11 @@ TEST_F(FullscreenPlayer, PresentsOnTheVisibleControllerAndPlaysOnceTheAnimationE
     EXPECT_EQ(player().player()->rate(), 1);
     EXPECT_EQ(window->rootViewController()->visibleViewController(),
               player().playerViewController());
-    EXPECT_EQ(top->disappearances, 1);
+    EXPECT_EQ(disappearances(), 1);
 }
 
 TEST_F(FullscreenPlayer, ASecondCallSwitchesTheVideoInPlace) {
-    auto host = std::make_shared<Host>();
+    auto host = recorder("host");
     show(host);
     player().playVideo(clip("counter.mp4"));
     settle();
@@ -117,11 +80,11 @@ TEST_F(FullscreenPlayer, ASecondCallSwitchesTheVideoInPlace) {
     settle();
     EXPECT_EQ(host->presentedViewController(), screen);
     EXPECT_EQ(screen->presentedViewController(), nullptr);
-    EXPECT_EQ(host->disappearances, 1);
+    EXPECT_EQ(disappearances(), 1);
 }
 
 TEST_F(FullscreenPlayer, TheUserClosesTheScreenAndThePlayerKeepsItsItem) {
-    auto host = std::make_shared<Host>();
+    auto host = recorder("host");
     show(host);
     player().playVideo(clip("counter.mp4"));
     settle();

@@ -16,10 +16,6 @@ namespace pelkit::test {
 namespace fs = std::filesystem;
 namespace {
 
-fs::path demoProject() {
-    return fixturesDirectory() / ".." / ".." / "examples" / "demo-project";
-}
-
 struct Stage {
     TempDir root;
     std::unique_ptr<devserver::DevServer> server;

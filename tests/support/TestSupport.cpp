@@ -180,9 +180,17 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     return true;
 }
 
+void useDummyAudioDriver() {
+    ::setenv("SDL_AUDIODRIVER", "dummy", 0);
+}
+
 std::filesystem::path fixturesDirectory() {
     const char* dir = std::getenv("PELKIT_TEST_FIXTURES");
     return dir ? std::filesystem::path(dir) : std::filesystem::path("tests/fixtures");
+}
+
+std::filesystem::path demoProject() {
+    return fixturesDirectory() / ".." / ".." / "examples" / "demo-project";
 }
 
 } // namespace pelkit::test

@@ -134,7 +134,16 @@ ProgramRun runProgram(const std::string& commandLine);
 bool waitUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+/// Plays sound in real time without a device, unless the developer picked a driver.
+void useDummyAudioDriver();
+
 /// The directory of committed test fixtures ($PELKIT_TEST_FIXTURES).
 std::filesystem::path fixturesDirectory();
+
+/// The example project that ships with the sources, and its target pictures.
+std::filesystem::path demoProject();
+inline std::filesystem::path demoTargets() {
+    return demoProject() / "targets";
+}
 
 } // namespace pelkit::test

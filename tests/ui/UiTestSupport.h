@@ -2,6 +2,7 @@
 // test steps by hand, a window, controllers that record their lifecycle, and pixel checks.
 #pragma once
 
+#include "Pixels.h"
 #include "TestSupport.h"
 
 #include <pelkit/foundation/Dispatch.h>
@@ -50,7 +51,7 @@ private:
 class UiTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        ::setenv("SDL_AUDIODRIVER", "dummy", 0);
+        useDummyAudioDriver();
         ui::Application::shared().setDisplay(ui::Display::headless);
     }
 
@@ -150,19 +151,6 @@ inline std::shared_ptr<ui::Button> addCloseButton(ui::View& view) {
         button->trailingAnchor().constraint(area.trailingAnchor(), -16),
     });
     return button;
-}
-
-struct Rgb {
-    int r = 0, g = 0, b = 0;
-    friend bool operator==(const Rgb&, const Rgb&) = default;
-    friend std::ostream& operator<<(std::ostream& out, const Rgb& c) {
-        return out << "(" << c.r << ", " << c.g << ", " << c.b << ")";
-    }
-};
-
-inline Rgb rgbAt(const image::Image& picture, int x, int y) {
-    const std::uint8_t* p = picture.pixel(x, y);
-    return {p[0], p[1], p[2]};
 }
 
 /// Pixels in a rectangle brighter than `level` in every channel (text is white).

@@ -51,7 +51,7 @@ TEST(RealWindow, ShowsTheGalleryWithItsCloseButtonOnTheXScreen) {
     if (!display || !*display || !fbdir)
         GTEST_SKIP() << "no Xvfb display: ctest runs this test under xvfb-run (Debian: xvfb "
                         "xauth), which is not installed";
-    ::setenv("SDL_AUDIODRIVER", "dummy", 0);
+    useDummyAudioDriver();
     auto& app = ui::Application::shared();
     app.setDisplay(ui::Display::screen);
     auto made = ui::Window::create(kScreen, "PELkit gallery");
