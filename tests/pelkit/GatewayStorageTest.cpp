@@ -28,15 +28,13 @@ ConfigurationResult fetch(const std::string& host) {
 
 TEST(PELGateway, JoinsHostAndPathAsTheyAreAndReportsTransportFailures) {
     HttpTestServer server;
-    std::string seenPath;
-    server.server.set_pre_routing_handler([&](const httplib::Request& request, auto& res) {
-        seenPath = request.path;
+    server.server.Get(".*", [](const httplib::Request&, httplib::Response& res) {
         res.set_content("", "application/json"); // 200 with an empty body
-        return httplib::Server::HandlerResponse::Handled;
     });
     server.start();
     auto result = fetch(server.baseUrl() + "/");
-    EXPECT_EQ(seenPath, "//configuration");
+    ASSERT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(server.requests()[0].path, "//configuration");
     ASSERT_TRUE(result) << "an empty 200 body is a success with zero bytes";
     EXPECT_TRUE(result->empty());
 

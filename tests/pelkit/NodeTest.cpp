@@ -40,26 +40,14 @@ private:
     std::vector<Presentation> presented_;
 };
 
-struct SeenRequest {
-    std::string method, path, contentType, appKey;
-};
-
 /// A prepare endpoint whose answer depends on the target id: "ok" and "held" (which waits for
 /// `release()`) answer the path "/files/a.png", the others fail in the way their name says.
 class PELNodeTest : public ::testing::Test {
-    // Declared before the server, so a request still arriving while the server stops finds them.
-    mutable std::mutex mutex_;
+    // Declared before the server, so a request still arriving while the server stops finds it.
     Gate held_;
-    std::vector<SeenRequest> seen_;
 
 protected:
     PELNodeTest() {
-        server.server.set_pre_routing_handler([this](const httplib::Request& request, auto&) {
-            std::lock_guard lock(mutex_);
-            seen_.push_back({request.method, request.path, request.get_header_value("Content-Type"),
-                             request.get_header_value("appkey")});
-            return httplib::Server::HandlerResponse::Unhandled;
-        });
         server.server.Get(R"(/targets/([^/]+)/content/c7/preparecontent)",
                           [this](const httplib::Request& request, httplib::Response& response) {
                               answer(request.matches[1], response);
@@ -70,10 +58,7 @@ protected:
     ~PELNodeTest() override { release(); }
 
     void release() { held_.open(); }
-    std::vector<SeenRequest> requests() const {
-        std::lock_guard lock(mutex_);
-        return seen_;
-    }
+    std::vector<SeenRequest> requests() const { return server.requests(); }
     std::size_t requestsFor(const std::string& targetId) const {
         auto all = requests();
         return std::ranges::count_if(all, [&](const SeenRequest& r) {
@@ -125,8 +110,8 @@ TEST_F(PELNodeTest, AFilePathPresentsDuringCreateAndOnlyANodeWithoutOneAsksTheSe
     ASSERT_EQ(seen.size(), 1u) << "only the node without a file path asks, and only once";
     EXPECT_EQ(seen[0].method, "GET");
     EXPECT_EQ(seen[0].path, "/targets/held/content/c7/preparecontent");
-    EXPECT_EQ(seen[0].contentType, "application/json");
-    EXPECT_EQ(seen[0].appKey, kAppKey);
+    EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(seen[0].header("appkey"), kAppKey);
     presented = asking->presented();
     ASSERT_EQ(presented.size(), 1u);
     EXPECT_EQ(presented[0].url, server.baseUrl() + "/files/a.png")

@@ -33,11 +33,6 @@ std::string fixture(const std::string& name) {
     return fileText(fixturesDirectory() / name);
 }
 
-std::optional<std::string> header(const httplib::Headers& headers, const std::string& name) {
-    auto found = headers.find(name);
-    return found == headers.end() ? std::nullopt : std::optional(found->second);
-}
-
 bool isEnd(const PELStatus& status) {
     return status.which() == PELStatus::Case::updateCompleted ||
            status.which() == PELStatus::Case::alreadyUpToDate ||
@@ -111,15 +106,6 @@ protected:
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
     HttpTestServer server;
 
-    SyncSupervisorTest() {
-        // Recorded before the handler runs, so a request is on record once its answer arrives.
-        server.server.set_pre_routing_handler([this](const httplib::Request& request, auto&) {
-            std::lock_guard lock(requestsMutex_);
-            requests_.emplace_back(request.path, request.headers);
-            return httplib::Server::HandlerResponse::Unhandled;
-        });
-    }
-
     void serveConfiguration(const std::string& body) {
         server.server.Get("/configuration", [=](const httplib::Request&, httplib::Response& res) {
             res.set_content(body, "application/json");
@@ -147,14 +133,6 @@ protected:
         ASSERT_TRUE(delegate->waitFor(before + 1)) << "the run never ended";
         net::HttpSession::shared().callbackQueue().sync([] {}); // let queued completions run
     }
-    std::vector<httplib::Headers> requestsTo(const std::string& path) {
-        std::lock_guard lock(requestsMutex_);
-        std::vector<httplib::Headers> found;
-        for (const auto& [p, headers] : requests_)
-            if (p == path)
-                found.push_back(headers);
-        return found;
-    }
 
     static fs::path projectDirectory() {
         return PELStorage(kAppKey).getConfigurationFilePath().parent_path();
@@ -169,10 +147,6 @@ protected:
         ASSERT_TRUE(
             UserDefaults::standard().set(PELSyncSupervisor::lastUpdatedKey(kAppKey), revision));
     }
-
-private:
-    std::mutex requestsMutex_;
-    std::vector<std::pair<std::string, httplib::Headers>> requests_;
 };
 
 TEST_F(SyncSupervisorTest, ArchiveInTheBodyIsStoredUnpackedAndItsRevisionRemembered) {
@@ -193,11 +167,11 @@ TEST_F(SyncSupervisorTest, ArchiveInTheBodyIsStoredUnpackedAndItsRevisionRemembe
     EXPECT_EQ(remembered(), kRevision);
     EXPECT_TRUE(lines.lines().empty());
     for (const char* path : {"/configuration", "/prepareTargetsForDownload"}) {
-        auto sent = requestsTo(path);
+        auto sent = server.requestsTo(path);
         ASSERT_EQ(sent.size(), 1u) << path;
-        EXPECT_EQ(header(sent[0], "appkey"), kAppKey) << "the whole key is sent";
-        EXPECT_EQ(header(sent[0], "Content-Type"), "application/json");
-        EXPECT_EQ(header(sent[0], "lastupdated"), std::nullopt) << "a first run sends no revision";
+        EXPECT_EQ(sent[0].header("appkey"), kAppKey) << "the whole key is sent";
+        EXPECT_EQ(sent[0].header("Content-Type"), "application/json");
+        EXPECT_EQ(sent[0].header("lastupdated"), std::nullopt) << "a first run sends no revision";
     }
 }
 
@@ -212,9 +186,9 @@ TEST_F(SyncSupervisorTest, NothingNewerEndsWithAlreadyUpToDateAfterSendingTheRev
               (Strings{"updateStarted(firstTime: false)", "downloadStarted", "alreadyUpToDate"}));
     EXPECT_EQ(delegate->events().back().thread, On::sharedCompletionQueue);
     EXPECT_EQ(lines.lines(), Strings{"Response StatusCode: 204"});
-    auto sent = requestsTo("/prepareTargetsForDownload").at(0);
-    EXPECT_EQ(header(sent, "lastupdated"), "rev-before");
-    EXPECT_EQ(header(sent, "appkey"), sharingKey);
+    auto sent = server.requestsTo("/prepareTargetsForDownload").at(0);
+    EXPECT_EQ(sent.header("lastupdated"), "rev-before");
+    EXPECT_EQ(sent.header("appkey"), sharingKey);
     EXPECT_EQ(stored("configuration.json"), kConfiguration);
     EXPECT_EQ(remembered(), "rev-before") << "an up-to-date run changes no revision";
 }
@@ -288,7 +262,7 @@ TEST_F(SyncSupervisorTest, AppKeyPrefixThatCannotNameADirectoryFailsBeforeAnyReq
                            "updateFailed(error: fileError(posix 22: the app-key prefix " + reason +
                                "))"}));
     }
-    EXPECT_TRUE(requestsTo("/configuration").empty());
+    EXPECT_TRUE(server.requestsTo("/configuration").empty());
     for (const auto& entry : fs::recursive_directory_iterator(documents.path()))
         ADD_FAILURE() << "written: " << entry.path();
 }
@@ -317,8 +291,8 @@ TEST_F(SyncSupervisorTest, RevisionThatCannotBeSentAsAHeaderIsNotRemembered) {
     runOnce();
     EXPECT_EQ(remembered(), kRevision);
     EXPECT_EQ(lines.lines(), Strings(5, kDropped));
-    for (const auto& headers : requestsTo("/prepareTargetsForDownload"))
-        EXPECT_EQ(header(headers, "lastupdated"), std::nullopt);
+    for (const auto& sent : server.requestsTo("/prepareTargetsForDownload"))
+        EXPECT_EQ(sent.header("lastupdated"), std::nullopt);
 }
 
 Strings notAUrl(const std::string& error) {
@@ -512,9 +486,9 @@ TEST_P(DownloadTaskTest, DownloadedArchiveIsStoredWithProgressOnTheSessionQueue)
     EXPECT_EQ(lines.lines(),
               (Strings{"Unexpected error: open(" + zipPath.string() + "): Is a directory (21)",
                        kTrying}));
-    auto downloads = requestsTo("/download");
+    auto downloads = server.requestsTo("/download");
     ASSERT_EQ(downloads.size(), 1u);
-    EXPECT_EQ(header(downloads[0], "appkey"), std::nullopt) << "the download carries no headers";
+    EXPECT_EQ(downloads[0].header("appkey"), std::nullopt) << "the download carries no headers";
 }
 
 TEST_P(DownloadTaskTest, FailedDownloadsEndTheRunOnTheSessionQueue) {

@@ -61,16 +61,37 @@ ScopedEnv::~ScopedEnv() {
         ::unsetenv(name_.c_str());
 }
 
-HttpTestServer::HttpTestServer() : owned_(std::make_unique<httplib::Server>()), server(*owned_) {
+std::optional<std::string> SeenRequest::header(const std::string& name) const {
+    auto found = headers.find(name);
+    return found == headers.end() ? std::nullopt : std::optional(found->second);
+}
+
+HttpTestServer::HttpTestServer() : HttpTestServer(std::make_unique<httplib::Server>(), "http") {}
+
+HttpTestServer::HttpTestServer(const std::filesystem::path& pem)
+    : HttpTestServer(std::make_unique<httplib::SSLServer>(pem.c_str(), pem.c_str()), "https") {}
+
+HttpTestServer::HttpTestServer(std::unique_ptr<httplib::Server> owned, std::string scheme)
+    : owned_(std::move(owned)), server(*owned_), scheme_(std::move(scheme)) {
     // One request per connection: a kept-alive connection would hold stop() for the server's
     // keep-alive time-out.
     server.set_keep_alive_max_count(1);
+    server.set_pre_routing_handler([this](const httplib::Request& request, auto&) {
+        std::lock_guard lock(requestsMutex_);
+        requests_.push_back({request.method, request.path, request.headers});
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
 }
 
-HttpTestServer::HttpTestServer(const std::filesystem::path& pem)
-    : owned_(std::make_unique<httplib::SSLServer>(pem.c_str(), pem.c_str())), server(*owned_),
-      scheme_("https") {
-    server.set_keep_alive_max_count(1);
+std::vector<SeenRequest> HttpTestServer::requests() const {
+    std::lock_guard lock(requestsMutex_);
+    return requests_;
+}
+
+std::vector<SeenRequest> HttpTestServer::requestsTo(const std::string& path) const {
+    auto found = requests();
+    std::erase_if(found, [&](const SeenRequest& r) { return r.path != path; });
+    return found;
 }
 
 HttpTestServer::~HttpTestServer() {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,6 +59,14 @@ private:
     std::string previous_;
 };
 
+/// A request as the server received it.
+struct SeenRequest {
+    std::string method, path;
+    httplib::Headers headers;
+    /// The value of the header `name` (any case), if sent.
+    std::optional<std::string> header(const std::string& name) const;
+};
+
 /// An httplib server listening on 127.0.0.1 at a free port; register handlers on `server` before
 /// calling `start()`. Stopped and joined at scope exit.
 class HttpTestServer {
@@ -68,6 +77,7 @@ public:
     ~HttpTestServer();
 
 private:
+    HttpTestServer(std::unique_ptr<httplib::Server> owned, std::string scheme);
     std::unique_ptr<httplib::Server> owned_;
 
 public:
@@ -76,8 +86,15 @@ public:
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>", or https
     std::string baseUrl() const;
+    /// Every request so far, in order. Each is on record before its handler runs, so once its
+    /// answer has arrived. A pre-routing handler set on `server` replaces the recording.
+    std::vector<SeenRequest> requests() const;
+    /// Those of `requests()` whose path is `path`.
+    std::vector<SeenRequest> requestsTo(const std::string& path) const;
 
 private:
+    mutable std::mutex requestsMutex_;
+    std::vector<SeenRequest> requests_;
     std::string scheme_ = "http";
     int port_ = 0;
     std::thread thread_;
