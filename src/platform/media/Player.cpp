@@ -40,8 +40,11 @@ public:
         std::vector<std::thread> done;
         {
             std::unique_lock lock(mutex_);
-            done_.wait_for(lock, std::chrono::seconds(2),
-                           [this] { return finished_.size() >= running_.size(); });
+            done_.wait_for(lock, std::chrono::seconds(2), [this] {
+                return std::ranges::all_of(running_, [this](const std::thread& t) {
+                    return std::ranges::find(finished_, t.get_id()) != finished_.end();
+                });
+            });
             done = takeFinished();
             for (auto& t : running_)
                 t.detach(); // stuck in I/O: it is cut off with the process
@@ -183,8 +186,8 @@ std::shared_ptr<PlayerItem> PlayerItem::create(std::string url) {
 
 PlayerItem::~PlayerItem() {
     // The thread may be the one destroying its item (an observer dropping it), and joining could
-    // wait on a lock that the destroying thread holds; so the thread finishes on its own, counted
-    // until it has.
+    // wait on a lock that the destroying thread holds; so unless it has finished already, it
+    // finishes on its own and is joined later.
     const bool finished = core_->exit.exchange(Core::Exit::stopping) == Core::Exit::finished;
     core_->cancel();
     if (!core_->thread.joinable())
