@@ -53,6 +53,10 @@ double ms(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
 }
 
+double mean(const std::vector<double>& v) {
+    return std::accumulate(v.begin(), v.end(), 0.0) / double(std::max<std::size_t>(1, v.size()));
+}
+
 double median(std::vector<double> v) {
     if (v.empty())
         return 0;
@@ -839,25 +843,21 @@ void tracking(const Pool& pool, const Options& options,
                 plainGood += cornerError(plain.corners(), sequence.corners[n]) < 5;
             }
         }
-        double mean = std::accumulate(times.begin(), times.end(), 0.0) /
-                      double(std::max<std::size_t>(1, times.size()));
         std::printf("  moving %dx%d: %.1f%% of %d frames tracked within 5 px, median corner error "
                     "%.2f px, %.2f ms per tracked image per frame (mean %.2f ms, with the "
                     "re-alignments)\n",
                     resolution.width, resolution.height, 100.0 * good / total, total,
-                    median(errors), median(times), mean);
+                    median(errors), median(times), mean(times));
         std::printf("    once found: %.1f%% of %d frames; never found: %d of the sequences\n",
                     100.0 * goodAfter / std::max(1, after), after, neverFound);
         if (options.baseline) {
-            double plainMean = std::accumulate(plainTimes.begin(), plainTimes.end(), 0.0) /
-                               double(std::max<std::size_t>(1, plainTimes.size()));
             std::printf(
                 "    baseline, started on the true corners: %.1f%% of %d frames within 5 px, "
                 "%.2f ms per image per frame (mean %.2f ms); ratios: time %.2fx, mean "
                 "%.2fx\n",
-                100.0 * plainGood / total, total, median(plainTimes), plainMean,
+                100.0 * plainGood / total, total, median(plainTimes), mean(plainTimes),
                 median(times) / std::max(1e-9, median(plainTimes)),
-                mean / std::max(1e-9, plainMean));
+                mean(times) / std::max(1e-9, mean(plainTimes)));
         }
         std::fflush(stdout);
     }

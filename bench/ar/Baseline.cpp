@@ -36,15 +36,15 @@ struct Reference {
     cv::Scalar mean, deviation;
 };
 
+cv::Point2d mapped(const cv::Matx33d& h, cv::Point2d point) {
+    cv::Vec3d p = h * cv::Vec3d(point.x, point.y, 1);
+    return {p[0] / p[2], p[1] / p[2]};
+}
+
 std::array<cv::Point2d, 4> cornersOf(const cv::Matx33d& h, cv::Size size) {
     double w = size.width - 0.5, hh = size.height - 0.5;
-    const cv::Point2d edges[] = {{-0.5, -0.5}, {w, -0.5}, {w, hh}, {-0.5, hh}};
-    std::array<cv::Point2d, 4> out;
-    for (int i = 0; i < 4; ++i) {
-        cv::Vec3d p = h * cv::Vec3d(edges[i].x, edges[i].y, 1);
-        out[i] = {p[0] / p[2], p[1] / p[2]};
-    }
-    return out;
+    return {mapped(h, {-0.5, -0.5}), mapped(h, {w, -0.5}), mapped(h, {w, hh}),
+            mapped(h, {-0.5, hh})};
 }
 
 // A convex quad, corners in order, covering at least 0.2% of the frame.
@@ -224,9 +224,8 @@ cv::Matx33d Baseline::Impl::refine(const Reference& r, const cv::Mat& grey,
     for (std::size_t i = 0; i < moved.size(); ++i)
         if (status[i] && cv::Rect(cv::Point(), mask.size()).contains(moved[i]) &&
             mask.at<std::uint8_t>(cv::Point(moved[i])) != 0) {
-            cv::Vec3d p = h * cv::Vec3d(moved[i].x, moved[i].y, 1);
             from.push_back(r.corners[i]);
-            to.emplace_back(float(p[0] / p[2]), float(p[1] / p[2]));
+            to.push_back(cv::Point2f(mapped(h, moved[i])));
         }
     if (int(from.size()) < kMinInliers)
         return h;
@@ -278,10 +277,8 @@ bool BaselineTracker::track(const cv::Mat& grey) {
     if (h.empty() || std::size_t(cv::countNonZero(inliers)) < needed)
         return false;
     cv::Matx33d step(h);
-    for (auto& c : corners_) {
-        cv::Vec3d p = step * cv::Vec3d(c.x, c.y, 1);
-        c = {p[0] / p[2], p[1] / p[2]};
-    }
+    for (auto& c : corners_)
+        c = mapped(step, c);
     points_.clear();
     for (std::size_t i = 0; i < to.size(); ++i)
         if (inliers[i])

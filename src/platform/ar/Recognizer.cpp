@@ -170,8 +170,8 @@ cv::Mat workingPicture(const ReferenceImage& reference) {
 
 void referenceFeatures(const cv::Mat& working, const RecognizerSettings& settings,
                        std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors) {
-    orbFeatures(working, settings.referenceFeatures, settings.referenceLevels, 20, kReferenceEdge,
-                keypoints, descriptors);
+    orbFeatures(working, settings.referenceFeatures, settings.referenceLevels,
+                settings.referenceFastThreshold, kReferenceEdge, keypoints, descriptors);
 }
 
 std::array<cv::Point2d, 4> frameCorners(const cv::Matx33d& homography, cv::Size working) {

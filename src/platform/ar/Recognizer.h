@@ -19,6 +19,7 @@ namespace pelkit::ar::detail {
 struct RecognizerSettings {
     int referenceFeatures = 500;
     int referenceLevels = 12;
+    int referenceFastThreshold = 20; ///< FAST's threshold in references
     int frameFeatures = 1500;
     int frameSpreadFeatures = 225; ///< more, where the strongest are sparsest
     int frameLevels = 6;
